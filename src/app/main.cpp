@@ -1,0 +1,147 @@
+// quorvane-studio: the studio's entry. Until the window exists it always runs headless: the
+// whole studio without a window, its status lines on standard output.
+#include <pthread.h>
+#include <signal.h>
+
+#include <cxxabi.h>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <typeinfo>
+
+#include "platform/app.h"
+#include "platform/defaults.h"
+#include "platform/files.h"
+#include "studio/studio_shell.h"
+#include "support/qvn_log.h"
+
+namespace {
+
+struct Options {
+  bool headless = false;
+  std::optional<double> forSeconds;
+  std::optional<std::string> dataRoot;
+};
+
+constexpr std::string_view kUsage =
+    "usage: quorvane-studio [--headless] [--for SECONDS] [--data-root DIR]\n";
+
+// An error text for the operator, or none when the options are good.
+std::optional<std::string> parse(int argc, char** argv, Options& options) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    auto value = [&]() -> std::optional<std::string_view> {
+      if (i + 1 >= argc) return std::nullopt;
+      return std::string_view(argv[++i]);
+    };
+    if (arg == "--headless") {
+      options.headless = true;
+    } else if (arg == "--for") {
+      auto text = value();
+      double seconds = 0;
+      if (!text ||
+          std::from_chars(text->data(), text->data() + text->size(), seconds).ec != std::errc() ||
+          seconds <= 0)
+        return "--for needs a number of seconds above 0";
+      options.forSeconds = seconds;
+    } else if (arg == "--data-root") {
+      auto dir = value();
+      if (!dir || dir->empty()) return "--data-root needs a folder";
+      options.dataRoot = std::string(*dir);
+    } else if (arg == "--publish" || arg == "--record") {
+      return std::string(arg) + " is not part of this build yet";
+    } else {
+      return "unknown option " + std::string(arg);
+    }
+  }
+  return std::nullopt;
+}
+
+// Uncaught exceptions leave one line in the log before the process ends.
+void logUncaught() {
+  std::string name = "unknown";
+  std::string reason;
+  if (auto error = std::current_exception()) {
+    try {
+      std::rethrow_exception(error);
+    } catch (const std::exception& e) {
+      int status = 0;
+      char* demangled = abi::__cxa_demangle(typeid(e).name(), nullptr, nullptr, &status);
+      name = demangled ? demangled : typeid(e).name();
+      std::free(demangled);
+      reason = e.what();
+    } catch (...) {
+    }
+  }
+  qvn::QvnLog::line("uncaught: " + name + " " + reason);
+  qvn::QvnLog::flush();
+  std::abort();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (auto error = parse(argc, argv, options)) {
+    std::cerr << "quorvane-studio: " << *error << "\n" << kUsage;
+    return 2;
+  }
+
+  // A peer closing a socket must not end the process; quit signals go to one waiting thread,
+  // which every later thread inherits by this mask.
+  signal(SIGPIPE, SIG_IGN);
+  sigset_t quitSignals;
+  sigemptyset(&quitSignals);
+  sigaddset(&quitSignals, SIGINT);
+  sigaddset(&quitSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &quitSignals, nullptr);
+  std::set_terminate(logUncaught);
+
+  qvn::setAppPaths(options.dataRoot ? qvn::AppPaths::underRoot(*options.dataRoot)
+                                    : qvn::AppPaths::fromEnvironment());
+  if (!options.headless)
+    qvn::QvnLog::line("the studio window is not part of this build yet — running headless");
+
+  qvn::LoopMainQueue main;
+  qvn::Defaults settings(qvn::appPaths().settingsFile());
+  auto lifecycle = std::make_shared<qvn::ManualAppLifecycle>();
+  auto hubs = qvn::StudioHubs::notYetAvailable();
+  hubs.sleep = qvn::makeLogindSleepWatcher();
+  hubs.stayAwake = qvn::makeLogindStayAwake();
+  hubs.lifecycle = lifecycle;
+  qvn::StudioShell shell({main, settings, hubs, nullptr}, lifecycle);
+
+  // The status list goes to standard output as it grows.
+  auto printer = shell.model().log.subscribe([](const std::vector<std::string>& lines) {
+    if (lines.empty()) return;
+    std::printf("%s\n", lines.back().c_str());
+    std::fflush(stdout);
+  });
+
+  bool quitting = false;
+  auto quit = [&] {
+    if (quitting) return;
+    quitting = true;
+    shell.terminate();
+    qvn::QvnLog::line("studio quit");
+    main.quit();
+  };
+  std::thread([&main, &quit, quitSignals] {
+    pthread_setname_np(pthread_self(), "qvn-signals");
+    int received = 0;
+    sigwait(&quitSignals, &received);
+    main.async(quit);
+  }).detach();
+  if (options.forSeconds) main.asyncAfter(*options.forSeconds, quit);
+
+  main.async([&] { shell.launch(); });
+  main.run();
+  qvn::QvnLog::flush();
+  return 0;
+}

@@ -1,0 +1,28 @@
+// Stand-ins for outputs that are not built yet: nothing records, nothing goes full screen.
+#pragma once
+
+#include "outputs/output_hubs.h"
+
+namespace qvn {
+
+class SessionRecorderNotYetAvailable final : public SessionRecorder {
+ public:
+  void detachTap(int) override {}
+};
+
+class ProgramOutputNotYetAvailable final : public ProgramOutput {
+ public:
+  int extendedCount() const override { return 0; }
+  std::vector<std::string> extendedScreenIDs() const override { return {}; }
+  std::vector<ExtendedOutput> extendedOutputs() const override { return {}; }
+  void applyScreenLayout() override {}
+};
+
+class VirtualCameraControllerNotYetAvailable final : public VirtualCameraController {
+ public:
+  void refresh() override {}
+};
+
+class WirelessDisplayBrowserNotYetAvailable final : public WirelessDisplayBrowser {};
+
+}  // namespace qvn

@@ -1,0 +1,60 @@
+// The ways Program leaves the studio, as the studio calls them: the movie file, full-screen
+// outputs on other displays, the virtual camera and nearby wireless displays.
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qvn {
+
+class SessionRecorder {
+ public:
+  virtual ~SessionRecorder() = default;
+  // Recording started or stopped; the file when one was written. From the record queue.
+  std::function<void(bool running, std::optional<std::filesystem::path> file)> onState;
+  virtual void detachTap(int slot) = 0;
+};
+
+// One full-screen output of Program on a display.
+struct ExtendedOutput {
+  std::string screenID;
+  std::string name;
+  bool operator==(const ExtendedOutput&) const = default;
+};
+
+class ProgramOutput {
+ public:
+  virtual ~ProgramOutput() = default;
+  std::function<void(bool on)> onChange;
+  std::function<void(int count)> onHeadsChanged;
+
+  virtual int extendedCount() const = 0;
+  virtual std::vector<std::string> extendedScreenIDs() const = 0;
+  virtual std::vector<ExtendedOutput> extendedOutputs() const = 0;
+  virtual void applyScreenLayout() = 0;
+};
+
+class VirtualCameraController {
+ public:
+  virtual ~VirtualCameraController() = default;
+  // Asked before the camera's host is restarted: a reason not to, in the operator's words.
+  std::function<std::optional<std::string>()> relaunchBlocker;
+  virtual void refresh() = 0;
+};
+
+struct WirelessDisplay {
+  std::string id;
+  std::string name;
+  bool operator==(const WirelessDisplay&) const = default;
+};
+
+class WirelessDisplayBrowser {
+ public:
+  virtual ~WirelessDisplayBrowser() = default;
+  std::function<void(std::vector<WirelessDisplay>)> onChange;  // from the browser's thread
+};
+
+}  // namespace qvn

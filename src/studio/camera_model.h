@@ -1,0 +1,305 @@
+// The one central object of the studio: the input table, Program and Preview as the operator
+// sees them, settings, and the start of everything. Created once by the app, lives to the
+// end of the process. All of it is main-thread state: every hub callback hops to the main
+// queue first and holds the model weakly, so a callback that arrives after the model is
+// gone does nothing.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "audio/audio_types.h"
+#include "golive/go_live_check.h"
+#include "golive/stream_output.h"
+#include "outputs/record_options.h"
+#include "phones/camera_caps.h"
+#include "platform/dispatch.h"
+#include "studio/observable.h"
+#include "studio/studio_hubs.h"
+#include "studio/studio_values.h"
+
+namespace qvn {
+
+class Defaults;
+
+struct StudioContext {
+  MainQueue& main;
+  Defaults& settings;
+  StudioHubs hubs;
+  // Where phones should dial; the machine's own address unless a test says otherwise.
+  std::function<std::string()> localAddress;
+};
+
+class CameraModel {
+ public:
+  static constexpr int kSlotCount = 16;
+  static constexpr int kMinVisibleInputs = 12;
+  static constexpr double kToastSeconds = 2.4;
+  static constexpr size_t kLogLimit = 200;
+
+  explicit CameraModel(StudioContext context);
+  ~CameraModel();
+  CameraModel(const CameraModel&) = delete;
+  CameraModel& operator=(const CameraModel&) = delete;
+
+  // ---- Lifecycle ------------------------------------------------------------------------
+  // Brings the studio up in its fixed order; one-way and idempotent.
+  void start();
+  void startPhoneListener();
+  void refreshDevices();
+  // The toast: shown 2.4 s; a later one replaces it and restarts the time.
+  void flash(const std::string& text);
+  // The in-memory status list: at most 200 lines; past that the oldest 50 go.
+  void appendLog(const std::string& line);
+  // The app is ending: `will terminate` of the lifecycle, run before the process exits.
+  void persistWorkspace();
+  void schedulePersist();
+
+  // ---- Settings -------------------------------------------------------------------------
+  void loadSettings();
+  void saveSettings();
+  void scheduleAudioSave();
+  void migrateNavigationRail();
+
+  // ---- Input slots ----------------------------------------------------------------------
+  void slotsDidChange(const std::vector<CameraSlot>& incoming);
+  void attachLocal(const CameraSlot& row);
+  // A local source left the slot. With a device id, only if that source still holds it.
+  void detachLocal(int slot, const std::optional<std::string>& deviceId = std::nullopt);
+  void mergeLocalIntoSlots();
+  void patchLocalSlot(int slot, const std::function<void(CameraSlot&)>& change);
+  void applyLabelsToSlots();
+  void setLabel(const std::string& text, int slot);
+  void noteNewInput(int slot);
+  std::optional<int> nextEmptySlot() const;
+  std::optional<int> freeSlot() const;
+  std::optional<int> resolveTargetSlot();
+  std::string sourcesFullMessage() const;
+  void addOptionalInput();
+  void hideLastOptionalInput();
+  bool canHideOptionalInput() const;
+  void loadDisplayOrder();
+  void reorderInput(int from, int before);
+  void commitManualOrder();
+  void resetDisplayOrder();
+  void resortDisplayOrderIfNeeded();
+  std::optional<CameraSlot> heroSlot() const;
+  std::vector<CameraSlot> liveSlots() const;
+  int liveCount() const;
+  std::optional<CameraSlot> selectedSlot() const;
+  bool isStillImageSlot(int slot) const;
+  void selectInput(int slot);
+  void attachLocalCamera(const std::string& deviceId);
+  void detachLocalCamera(const std::string& deviceId);
+  void attachNDI(const NDISourceItem& item);
+  void addScreen(const ScreenCaptureHub::Target& target);
+  void toggleMute(std::optional<int> slot = std::nullopt);
+  void setSourceMuted(const CameraSlot& row, bool value);
+  bool audioMuted(const CameraSlot& row) const;
+  bool newInputsStartMuted() const;
+
+  // ---- Observable state -----------------------------------------------------------------
+  // Input slots
+  Observable<std::vector<CameraSlot>> slots;
+  Observable<int> visibleInputCount{kMinVisibleInputs};
+  Observable<std::vector<int>> displayOrder;
+  Observable<std::optional<int>> draggingSlot;
+  Observable<bool> displayOrderIsManual{false};
+  Observable<std::optional<int>> focusedSlot;
+  Observable<std::map<int, CameraSlot>> localLive;
+  Observable<std::map<int, std::string>> labels;
+  Observable<std::map<int, bool>> muted;
+  Observable<std::map<int, std::string>> signalLost;
+  Observable<std::optional<int>> addSourceTargetSlot;
+  // Program and Preview
+  Observable<std::set<int>> waitingForPicture;
+  Observable<int> programSlot{0};
+  Observable<int> previewSlot{0};
+  Observable<bool> studioMode{true};
+  Observable<MixTransition> mixTransition{MixTransition::fade};
+  Observable<double> dissolveSeconds{0.55};
+  Observable<bool> dissolving{false};
+  Observable<bool> afterTakeSwap{true};
+  Observable<bool> editProgram{false};
+  Observable<double> tBarProgress{0.0};
+  Observable<bool> tBarAtTop{false};
+  Observable<bool> pipEnabled{false};
+  Observable<int> pipSlot{0};
+  Observable<PiPCorner> pipCorner{PiPCorner::bottomRight};
+  Observable<QvnPiPLayout> pipLayout;
+  Observable<std::optional<PiPState>> programPiP;
+  // Mix
+  Observable<bool> mixFill{true};
+  Observable<MixCanvasSize> canvasSize{MixCanvasSize::hd};
+  Observable<StreamOutputChoice> streamOutput{StreamOutputChoice::canvas};
+  Observable<std::map<int, ImageCrop>> imageCrops;
+  Observable<bool> imageCropAtEdge{false};
+  // Scenes and session
+  Observable<std::vector<StudioScene>> scenes;
+  Observable<std::optional<StudioScene>> sceneToDelete;
+  Observable<std::optional<std::string>> currentWorkspaceID;
+  Observable<std::optional<MissingFilePrompt>> missingPrompt;
+  Observable<std::map<int, SlotRestore>> slotRestores;
+  // Recording
+  Observable<RecordOptions> recordOptions;
+  Observable<RecordAudioChoice> recordAudioChoice{RecordAudioChoice::mix};
+  Observable<bool> recording{false};
+  Observable<std::int64_t> recordFileSize{0};
+  Observable<double> recordElapsed{0};
+  Observable<std::optional<std::filesystem::path>> recordURL;
+  // Audio
+  Observable<RecordAudioSource> audioSource;
+  Observable<std::optional<std::string>> selectedMicID;
+  Observable<bool> monitorOn{true};
+  Observable<double> monitorVolume{1.0};
+  Observable<bool> monitorFinalOutput{true};
+  Observable<std::optional<std::string>> masterAudioDeviceID;
+  Observable<double> masterAudioVolume{1.0};
+  Observable<bool> masterAudioMuted{false};
+  Observable<std::map<int, SlotAudioSource>> slotAudioSource;
+  Observable<bool> goLiveMixAudio{true};
+  Observable<bool> auxOutputOn{false};
+  Observable<std::optional<std::string>> auxOutputDeviceID;
+  Observable<double> auxOutputVolume{1.0};
+  Observable<std::optional<int>> audibleSlotOverride;
+  Observable<bool> cueMixerOn{false};
+  Observable<std::map<int, double>> cueGains;
+  Observable<bool> duckingOn{false};
+  Observable<double> duckThreshold{0.18};
+  Observable<int> duckPrioritySlot{0};
+  Observable<double> duckFactor{1.0};
+  Observable<std::optional<std::string>> outputDeviceID;
+  Observable<std::optional<std::string>> programOutputID;
+  Observable<bool> programFeedbackWarning{false};
+  Observable<std::map<int, std::vector<float>>> audioLevels;
+  Observable<std::map<int, std::vector<float>>> audioPeaks;
+  Observable<std::vector<QvnAudioDevice>> inputs;
+  Observable<std::vector<QvnAudioDevice>> outputs;
+  // Overlays and the legacy look
+  Observable<bool> overlaysOn{false};
+  Observable<bool> lowerThirdOn{false};
+  Observable<std::string> lowerThirdName;
+  Observable<std::string> lowerThirdTitle;
+  Observable<bool> logoOn{false};
+  Observable<PiPCorner> logoCorner{PiPCorner::topRight};
+  Observable<std::string> logoName;
+  Observable<std::pair<int, int>> logoPixelSize;
+  Observable<std::optional<std::vector<std::uint8_t>>> logoBookmark;
+  Observable<std::optional<std::filesystem::path>> logoURL;
+  Observable<OverlayLook> overlayLook;
+  // Program output
+  Observable<bool> programOutOn{false};
+  Observable<int> extendedCount{0};
+  Observable<std::vector<std::string>> extendedScreenIDs;
+  Observable<std::vector<ExtendedOutput>> extendedOutputs;
+  Observable<bool> programAlwaysOnTop{true};
+  Observable<std::optional<std::string>> selectedScreenID;
+  Observable<std::vector<DisplayInfo>> displays;
+  Observable<std::vector<WirelessDisplay>> nearbyWirelessDisplays;
+  // Phones
+  Observable<std::map<int, std::shared_ptr<RemoteVideoTrack>>> tracks;
+  Observable<std::map<int, double>> zoom;
+  Observable<std::map<int, CameraCaps>> caps;
+  Observable<std::optional<std::pair<double, double>>> focusPoint;
+  Observable<std::optional<int>> focusPointSlot;
+  std::set<int> lockedFocus;
+  // Stills, library and sources
+  Observable<bool> stillFlash{false};
+  Observable<std::optional<std::filesystem::path>> lastStillURL;
+  Observable<std::vector<LibraryItem>> library;
+  Observable<std::vector<LocalCaptureHub::Device>> localDevices;
+  Observable<std::vector<ScreenCaptureHub::Target>> screenTargets;
+  Observable<std::optional<std::string>> screenListError;
+  Observable<std::vector<NDISourceItem>> ndiSources;
+  Observable<bool> ndiRuntimeReady{false};
+  Observable<std::optional<std::string>> ndiRuntimeError;
+  // Go Live sheet
+  Observable<bool> showGoLiveSheet{false};
+  Observable<std::vector<GoLiveCheck>> goLiveChecks;
+  Observable<bool> goLiveStarting{false};
+  // Window
+  Observable<StudioPage> page{StudioPage::studio};
+  Observable<StudioPanel> panel{StudioPanel::inspector};
+  Observable<bool> sourceSettingsOpen{false};
+  Observable<bool> inspectorCollapsed{false};
+  Observable<bool> showSettings{false};
+  Observable<bool> showAddSource{false};
+  Observable<bool> showMediaBrowser{false};
+  Observable<bool> showAudioPanel{false};
+  Observable<bool> revealNetwork{false};
+  Observable<SettingsTab> settingsTab{SettingsTab::output};
+  // Phones' pairing
+  Observable<std::string> pin;
+  Observable<std::string> ip;
+  Observable<bool> acceptNew{true};
+  Observable<bool> phonesEnabled{false};
+  // Messages
+  Observable<std::vector<std::string>> log;
+  Observable<std::optional<std::string>> toast;
+
+  // Fires for changes that aren't one property's, such as any change of the account.
+  Signal<> changed;
+
+  // Not observable.
+  bool phonesListening() const { return phonesListening_; }
+  bool isStarted() const { return started_; }
+  bool isApplyingSettings() const { return applyingSettings_; }
+
+ private:
+  struct Anchor;
+  // Wraps model work as a hub callback that hops to the main queue (camera_model.cpp).
+  template <class F>
+  auto hop(F work);
+  void wireHubs();
+  void installSleepObservers();
+  void handleWake();
+  void willTerminate();
+  void detachedSlotCleanup(int slot, const std::vector<int>& liveAfter);
+  void renumberDisplayOrder();
+  void storeDisplayOrder();
+  LocalSourceHub* hubForKind(const std::string& kind) const;
+  std::optional<std::string> relaunchBlocker() const;
+  std::optional<std::string> updateBlocker() const;
+  void loadPiPSettings();
+  void loadAudioSettings();
+  void loadOverlaySettings();
+
+  // Operations whose subsystems are not built yet; start-up calls them in their places.
+  void applyMonitorRouting();
+  void syncAuxOutput();
+  void applyCueMix();
+  void applyStudioMode();
+  void syncPiPToBothPictures();
+  void setProgramOutput(const std::optional<std::string>& deviceID);
+  void fillEmptyPreview();
+  void installKeyMonitor();
+  void restoreSession();
+  void applyFirstLaunchAudio();
+  void loadScenes();
+
+  MainQueue& main_;
+  Defaults& settings_;
+  StudioHubs hubs_;
+  std::function<std::string()> localAddress_;
+  std::shared_ptr<Anchor> anchor_;
+
+  bool started_ = false;
+  bool phonesListening_ = false;
+  bool applyingSettings_ = false;
+  bool terminateObserved_ = false;
+  bool sleepObserved_ = false;
+  DelayedWork toastTask_;
+  DelayedWork persistWork_;
+  DelayedWork audioSaveWork_;
+  RepeatingTimer recordTimer_;
+  std::map<int, DelayedWork> pictureChecks_;
+};
+
+}  // namespace qvn

@@ -1,0 +1,334 @@
+// CameraModel: the settings it loads at start and saves after every change of a setting.
+#include <charconv>
+#include <sstream>
+
+#include "platform/defaults.h"
+#include "studio/camera_model.h"
+#include "support/qvn_log.h"
+
+namespace qvn {
+
+namespace {
+
+constexpr double kAudioSaveSeconds = 0.4;
+
+// Slot numbers are decimal text keys; anything else is dropped when read.
+std::optional<int> slotKey(const std::string& key) {
+  int value = 0;
+  auto [end, error] = std::from_chars(key.data(), key.data() + key.size(), value);
+  if (error != std::errc() || end != key.data() + key.size()) return std::nullopt;
+  return value;
+}
+
+template <class T, class Read>
+std::map<int, T> readSlotDict(const std::optional<SettingsDict>& dict, Read read) {
+  std::map<int, T> out;
+  if (!dict) return out;
+  for (const auto& [key, value] : *dict) {
+    auto slot = slotKey(key);
+    auto v = read(value);
+    if (slot && v) out[*slot] = *v;
+  }
+  return out;
+}
+
+template <class T, class Write>
+SettingsDict slotDict(const std::map<int, T>& map, Write write) {
+  SettingsDict dict;
+  for (const auto& [slot, value] : map) dict[std::to_string(slot)] = write(value);
+  return dict;
+}
+
+template <class E>
+SettingsValue textOf(E value) {
+  return std::string(enumText(value));
+}
+
+// Levels are stored in single precision, as faders produce them.
+SettingsValue single(double value) {
+  return static_cast<float>(value);
+}
+
+const char* yesNo(bool value) {
+  return value ? "true" : "false";
+}
+
+}  // namespace
+
+void CameraModel::migrateNavigationRail() {
+  if (settings_.boolean("qvn.nav.railMigrated").value_or(false)) return;
+  settings_.set("qvn.nav.railMigrated", true);
+  settings_.set("qvn.sidebarCollapsed", true);
+}
+
+void CameraModel::scheduleAudioSave() {
+  audioSaveWork_.cancel();
+  audioSaveWork_ = DelayedWork::schedule(main_, kAudioSaveSeconds, [this] { saveSettings(); });
+}
+
+void CameraModel::saveSettings() {
+  if (applyingSettings_) return;
+  auto& s = settings_;
+  auto setOrRemove = [&s](const char* key, const std::optional<std::string>& value) {
+    if (value)
+      s.set(key, *value);
+    else
+      s.remove(key);
+  };
+  s.set("qvn.mixFill", mixFill());
+  s.set("qvn.canvasSize", textOf(canvasSize()));
+  s.set("qvn.transitionSeconds", dissolveSeconds());
+  s.set("qvn.mixTransition", textOf(mixTransition()));
+  s.set("qvn.studioMode", studioMode());
+  s.set("qvn.afterTake", afterTakeSwap());
+  s.set("qvn.pipEnabled", pipEnabled());
+  s.set("qvn.pipSlot", pipSlot());
+  s.set("qvn.pipCorner", textOf(pipCorner()));
+  s.set("qvn.monitorOn", monitorOn());
+  s.set("qvn.monitorVolume", single(monitorVolume()));
+  if (audibleSlotOverride())
+    s.set("qvn.audibleSlotOverride", *audibleSlotOverride());
+  else
+    s.remove("qvn.audibleSlotOverride");
+  s.set("qvn.monitorFinalOutput", monitorFinalOutput());
+  s.set("qvn.goLiveMixAudio", goLiveMixAudio());
+  s.set("qvn.auxOutputOn", auxOutputOn());
+  setOrRemove("qvn.auxOutputDeviceID", auxOutputDeviceID());
+  s.set("qvn.auxOutputVolume", single(auxOutputVolume()));
+  setOrRemove("qvn.masterAudioDeviceID", masterAudioDeviceID());
+  s.set("qvn.masterAudioVolume", single(masterAudioVolume()));
+  s.set("qvn.masterAudioMuted", masterAudioMuted());
+  s.set("qvn.slotAudioSource", slotDict(slotAudioSource(), textOf<SlotAudioSource>));
+  s.set("qvn.cueMixerOn", cueMixerOn());
+  s.set("qvn.duckingOn", duckingOn());
+  s.set("qvn.duckThreshold", single(duckThreshold()));
+  s.set("qvn.duckPrioritySlot", duckPrioritySlot());
+  s.set("qvn.cueGains", slotDict(cueGains(), single));
+  setOrRemove("qvn.outputDeviceID", outputDeviceID());
+  setOrRemove("qvn.programOutputID", programOutputID());
+  s.set("qvn.programAlwaysOnTop", programAlwaysOnTop());
+  setOrRemove("qvn.selectedScreenID", selectedScreenID());
+  setOrRemove("qvn.selectedMicID", selectedMicID());
+  s.set("qvn.labels", slotDict(labels(), [](const std::string& t) { return SettingsValue(t); }));
+  s.set("qvn.slotMuted", slotDict(muted(), [](bool m) { return SettingsValue(m); }));
+  using Kind = RecordAudioSource::Kind;
+  const auto& source = audioSource();
+  const char* sourceText = source.kind == Kind::mac      ? "mac"
+                           : source.kind == Kind::camera ? "camera"
+                           : source.kind == Kind::none   ? "none"
+                                                         : "mix";
+  s.set("qvn.audioSource", sourceText);
+  setOrRemove("qvn.audioSourceMicID", source.kind == Kind::mac ? source.micID : std::nullopt);
+  s.set("qvn.overlaysOn", overlaysOn());
+  s.set("qvn.lowerThirdOn", lowerThirdOn());
+  s.set("qvn.lowerThirdName", lowerThirdName());
+  s.set("qvn.lowerThirdTitle", lowerThirdTitle());
+  s.set("qvn.logoOn", logoOn());
+  s.set("qvn.logoCorner", textOf(logoCorner()));
+  s.set("qvn.logoName", logoName());
+  if (logoBookmark())
+    s.set("qvn.logoBookmark", *logoBookmark());
+  else
+    s.remove("qvn.logoBookmark");
+  const std::string look = overlayLook().toJSON();
+  s.set("qvn.overlayLook", SettingsBytes(look.begin(), look.end()));
+  SettingsList screenIDs;
+  SettingsDict screenNames;
+  for (const auto& out : extendedOutputs()) {
+    screenIDs.emplace_back(out.screenID);
+    screenNames[out.screenID] = out.name;
+  }
+  s.set("qvn.extendedScreenIDs", screenIDs);
+  s.set("qvn.extendedScreenNames", screenNames);
+}
+
+void CameraModel::loadSettings() {
+  applyingSettings_ = true;
+  auto& s = settings_;
+  auto readEnum = [&s]<class E>(const char* key, Observable<E>& property) {
+    if (auto text = s.text(key))
+      if (auto value = enumFromText<E>(*text)) property = *value;
+  };
+  auto readBool = [&s](const char* key, Observable<bool>& property) {
+    if (auto value = s.boolean(key)) property = *value;
+  };
+  auto readText = [&s](const char* key, Observable<std::optional<std::string>>& property) {
+    if (auto value = s.text(key)) property = *value;
+  };
+  auto bytesText = [&s](const char* key) -> std::optional<std::string> {
+    auto bytes = s.bytes(key);
+    if (!bytes) return std::nullopt;
+    return std::string(bytes->begin(), bytes->end());
+  };
+
+  // 1
+  readBool("qvn.mixFill", mixFill);
+  readEnum("qvn.canvasSize", canvasSize);
+  readEnum("qvn.streamOutput", streamOutput);
+  readBool("qvn.inspectorCollapsed", inspectorCollapsed);
+  if (auto text = s.text("qvn.panel")) {
+    // The retired panels load as the inspector.
+    auto value = enumFromText<StudioPanel>(*text);
+    if (value == StudioPanel::record || value == StudioPanel::workspace)
+      value = StudioPanel::inspector;
+    if (value) panel = *value;
+  }
+  readText("qvn.workspace.currentID", currentWorkspaceID);
+  if (auto json = bytesText("qvn.recordOptions"))
+    if (auto options = RecordOptions::fromJSON(*json)) recordOptions = *options;
+  readEnum("qvn.recordAudioChoice", recordAudioChoice);
+  // 2
+  const auto canvas = canvasPixels(canvasSize());
+  hubs_.mix->setCanvas(canvas.width, canvas.height);
+  // 3
+  if (auto seconds = s.real("qvn.transitionSeconds")) {
+    dissolveSeconds = *seconds;
+    hubs_.mix->setTransitionDuration(*seconds);
+  }
+  readEnum("qvn.mixTransition", mixTransition);
+  // 4
+  if (auto value = s.boolean("qvn.studioMode")) {
+    studioMode = *value;
+    applyStudioMode();
+  }
+  readBool("qvn.afterTake", afterTakeSwap);
+  // 5
+  loadPiPSettings();
+  // 6-13
+  loadAudioSettings();
+  // 14
+  syncPiPToBothPictures();
+  // 15-17
+  loadOverlaySettings();
+  // 18
+  std::ostringstream line;
+  line << "settings loaded cueMixer=" << yesNo(cueMixerOn()) << " duck=" << yesNo(duckingOn())
+       << " overlays=" << yesNo(overlaysOn())
+       << " canvas=" << (canvasSize() == MixCanvasSize::uhd ? "uhd" : "hd");
+  QvnLog::line(line.str());
+  // 19
+  applyingSettings_ = false;
+}
+
+void CameraModel::loadPiPSettings() {
+  auto& s = settings_;
+  if (auto v = s.boolean("qvn.pipEnabled")) pipEnabled = *v;
+  if (auto v = s.integer("qvn.pipSlot")) pipSlot = static_cast<int>(*v);
+  if (auto text = s.text("qvn.pipCorner"))
+    if (auto corner = enumFromText<PiPCorner>(*text)) pipCorner = *corner;
+  std::optional<QvnPiPLayout> stored;
+  if (auto bytes = s.bytes("qvn.pipLayout"))
+    stored = QvnPiPLayout::fromJSON(std::string(bytes->begin(), bytes->end()));
+  pipLayout = stored ? *stored : QvnPiPLayout::inCorner(pipCorner());
+}
+
+void CameraModel::loadAudioSettings() {
+  auto& s = settings_;
+  auto readBool = [&s](const char* key, Observable<bool>& property) {
+    if (auto value = s.boolean(key)) property = *value;
+  };
+  auto readReal = [&s](const char* key, Observable<double>& property) {
+    if (auto value = s.real(key)) property = *value;
+  };
+  auto readText = [&s](const char* key, Observable<std::optional<std::string>>& property) {
+    if (auto value = s.text(key)) property = *value;
+  };
+  auto canonical = [this](const std::string& id) { return hubs_.audioDevices->canonicalUID(id); };
+
+  // 6
+  readBool("qvn.monitorOn", monitorOn);
+  readReal("qvn.monitorVolume", monitorVolume);
+  // 7: a stored final-output choice only counts with an audible override.
+  auto override = s.integer("qvn.audibleSlotOverride");
+  auto finalOutput = s.boolean("qvn.monitorFinalOutput");
+  if (override && *override >= 1 && finalOutput) {
+    audibleSlotOverride = static_cast<int>(*override);
+    monitorFinalOutput = *finalOutput;
+  } else {
+    audibleSlotOverride = std::nullopt;
+    monitorFinalOutput = true;
+    applyMonitorRouting();
+  }
+  // 8: the stream always carries the mix; the master input waits for routing.
+  goLiveMixAudio = true;
+  hubs_.masterInput->stop();
+  hubs_.meterBus->pushMaster({});
+  // 9
+  readBool("qvn.auxOutputOn", auxOutputOn);
+  readText("qvn.auxOutputDeviceID", auxOutputDeviceID);
+  readReal("qvn.auxOutputVolume", auxOutputVolume);
+  syncAuxOutput();
+  readText("qvn.masterAudioDeviceID", masterAudioDeviceID);
+  readReal("qvn.masterAudioVolume", masterAudioVolume);
+  readBool("qvn.masterAudioMuted", masterAudioMuted);
+  if (auto dict = s.dict("qvn.slotAudioSource"))
+    slotAudioSource = readSlotDict<SlotAudioSource>(dict, [](const SettingsValue& v) {
+      auto text = v.asText();
+      return text ? enumFromText<SlotAudioSource>(*text) : std::nullopt;
+    });
+  readBool("qvn.cueMixerOn", cueMixerOn);
+  readBool("qvn.duckingOn", duckingOn);
+  readReal("qvn.duckThreshold", duckThreshold);
+  if (auto v = s.integer("qvn.duckPrioritySlot")) duckPrioritySlot = static_cast<int>(*v);
+  applyCueMix();
+  // 10
+  if (auto dict = s.dict("qvn.cueGains"))
+    cueGains = readSlotDict<double>(dict, [](const SettingsValue& v) { return v.asReal(); });
+  // 11: older stores kept the monitor device as an integer.
+  if (auto text = s.text("qvn.outputDeviceID")) {
+    outputDeviceID = canonical(*text);
+  } else if (auto number = s.integer("qvn.outputDeviceID")) {
+    outputDeviceID = canonical(std::to_string(*number));
+    s.set("qvn.outputDeviceID", *outputDeviceID());
+  }
+  if (auto text = s.text("qvn.programOutputID")) programOutputID = canonical(*text);
+  readBool("qvn.programAlwaysOnTop", programAlwaysOnTop);
+  readText("qvn.selectedScreenID", selectedScreenID);
+  readText("qvn.selectedMicID", selectedMicID);
+  // 12
+  if (auto dict = s.dict("qvn.labels"))
+    labels = readSlotDict<std::string>(dict, [](const SettingsValue& v) { return v.asText(); });
+  if (auto dict = s.dict("qvn.slotMuted"))
+    muted = readSlotDict<bool>(dict, [](const SettingsValue& v) { return v.asBool(); });
+  applyLabelsToSlots();
+  // 13: only "none" is honoured; every other stored source records the mix.
+  if (auto text = s.text("qvn.audioSource"))
+    audioSource = *text == "none" ? RecordAudioSource{RecordAudioSource::Kind::none, std::nullopt}
+                                  : RecordAudioSource{};
+  hubs_.masterInput->stop();
+  hubs_.monitorMixer->setVolume(monitorVolume());
+  hubs_.media->setVolume(monitorVolume());
+  hubs_.audio->suppressWebRTCPlayout();
+  hubs_.audio->setMonitorDevice(outputDeviceID());
+}
+
+void CameraModel::loadOverlaySettings() {
+  auto& s = settings_;
+  // 15
+  if (auto v = s.boolean("qvn.overlaysOn")) overlaysOn = *v;
+  if (auto v = s.boolean("qvn.lowerThirdOn")) lowerThirdOn = *v;
+  if (auto v = s.text("qvn.lowerThirdName")) lowerThirdName = *v;
+  if (auto v = s.text("qvn.lowerThirdTitle")) lowerThirdTitle = *v;
+  if (auto v = s.boolean("qvn.logoOn")) logoOn = *v;
+  if (auto text = s.text("qvn.logoCorner"))
+    if (auto corner = enumFromText<PiPCorner>(*text)) logoCorner = *corner;
+  if (auto v = s.text("qvn.logoName")) logoName = *v;
+  if (auto bookmark = s.bytes("qvn.logoBookmark")) {
+    logoBookmark = *bookmark;
+    // On this system a bookmark is the file's path; it resolves while the file is there.
+    std::filesystem::path file(std::string(bookmark->begin(), bookmark->end()));
+    std::error_code error;
+    if (std::filesystem::exists(file, error)) logoURL = file;
+  }
+  // 16
+  if (auto bytes = s.bytes("qvn.overlayLook"))
+    if (auto look = OverlayLook::fromJSON(std::string(bytes->begin(), bytes->end())))
+      overlayLook = *look;
+  // 17
+  applyCueMix();
+  hubs_.overlays->migrateLegacyOverlaysIfNeeded();
+  hubs_.overlays->setEnabled(overlaysOn());
+  hubs_.overlays->pushToMix(true);
+}
+
+}  // namespace qvn

@@ -1,0 +1,58 @@
+#include "studio/studio_hubs.h"
+
+#include "audio/not_yet_available.h"
+#include "inputs/not_yet_available.h"
+#include "outputs/not_yet_available.h"
+#include "video/not_yet_available.h"
+
+namespace qvn {
+
+namespace {
+
+class SleepWatcherNotYetAvailable final : public SleepWatcher {
+ public:
+  std::optional<std::string> start() override { return "sleep is not watched in this build"; }
+};
+
+class StayAwakeNotYetAvailable final : public StayAwake {
+ public:
+  std::optional<std::string> start() override { return std::nullopt; }
+  void stop() override {}
+};
+
+}  // namespace
+
+StudioHubs StudioHubs::notYetAvailable() {
+  return StudioHubs{
+      .signaling = std::make_shared<SignalingServerNotYetAvailable>(),
+      .mix = std::make_shared<MixEngineNotYetAvailable>(),
+      .frames = std::make_shared<FrameHubNotYetAvailable>(),
+      .localCapture = std::make_shared<LocalCaptureHubNotYetAvailable>(),
+      .media = std::make_shared<MediaSourceHubNotYetAvailable>(),
+      .screenCapture = std::make_shared<ScreenCaptureHubNotYetAvailable>(),
+      .ndi = std::make_shared<NDIHubNotYetAvailable>(),
+      .recorder = std::make_shared<SessionRecorderNotYetAvailable>(),
+      .programOutput = std::make_shared<ProgramOutputNotYetAvailable>(),
+      .virtualCamera = std::make_shared<VirtualCameraControllerNotYetAvailable>(),
+      .wirelessBrowser = std::make_shared<WirelessDisplayBrowserNotYetAvailable>(),
+      .audio = std::make_shared<QvnAudioEngineNotYetAvailable>(),
+      .audioDevices = std::make_shared<QvnAudioDevicesNotYetAvailable>(),
+      .masterInput = std::make_shared<QvnMasterAudioInputNotYetAvailable>(),
+      .monitorMixer = std::make_shared<QvnMonitorMixerNotYetAvailable>(),
+      .auxOutput = std::make_shared<QvnAuxOutputNotYetAvailable>(),
+      .externalHub = std::make_shared<QvnExternalHubNotYetAvailable>(),
+      .meterBus = std::make_shared<QvnMeterBusNotYetAvailable>(),
+      .mediaLibrary = std::make_shared<QvnMediaLibraryNotYetAvailable>(),
+      .overlays = std::make_shared<OverlayStoreNotYetAvailable>(),
+      .cloud = std::make_shared<QvnCloudAccountNotYetAvailable>(),
+      .updater = std::make_shared<QvnAutoUpdaterNotYetAvailable>(),
+      .telemetry = std::make_shared<QvnTelemetryNotYetAvailable>(),
+      .screens = std::make_shared<ScreensNotYetAvailable>(),
+      .keys = std::make_shared<KeyMonitorNotYetAvailable>(),
+      .sleep = std::make_shared<SleepWatcherNotYetAvailable>(),
+      .stayAwake = std::make_shared<StayAwakeNotYetAvailable>(),
+      .lifecycle = std::make_shared<ManualAppLifecycle>(),
+  };
+}
+
+}  // namespace qvn

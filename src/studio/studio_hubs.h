@@ -1,0 +1,56 @@
+// Every hub and service the studio talks to, handed to `CameraModel` when it is built.
+// Each is a process-wide object that knows nothing of the model.
+#pragma once
+
+#include <memory>
+
+#include "audio/audio_hubs.h"
+#include "cloud/cloud_account.h"
+#include "inputs/capture_hubs.h"
+#include "inputs/media_library.h"
+#include "outputs/output_hubs.h"
+#include "overlays/overlay_store.h"
+#include "phones/signaling_server.h"
+#include "platform/app.h"
+#include "support/support_services.h"
+#include "video/frame_hub.h"
+#include "video/mix_engine.h"
+
+namespace qvn {
+
+struct StudioHubs {
+  std::shared_ptr<SignalingServer> signaling;
+  std::shared_ptr<MixEngine> mix;
+  std::shared_ptr<FrameHub> frames;
+  std::shared_ptr<LocalCaptureHub> localCapture;
+  std::shared_ptr<MediaSourceHub> media;
+  std::shared_ptr<ScreenCaptureHub> screenCapture;
+  std::shared_ptr<NDIHub> ndi;
+  std::shared_ptr<SessionRecorder> recorder;
+  std::shared_ptr<ProgramOutput> programOutput;
+  std::shared_ptr<VirtualCameraController> virtualCamera;
+  std::shared_ptr<WirelessDisplayBrowser> wirelessBrowser;
+  std::shared_ptr<QvnAudioEngine> audio;
+  std::shared_ptr<QvnAudioDevices> audioDevices;
+  std::shared_ptr<QvnMasterAudioInput> masterInput;
+  std::shared_ptr<QvnMonitorMixer> monitorMixer;
+  std::shared_ptr<QvnAuxOutput> auxOutput;
+  std::shared_ptr<QvnExternalHub> externalHub;
+  std::shared_ptr<QvnMeterBus> meterBus;
+  std::shared_ptr<QvnMediaLibrary> mediaLibrary;
+  std::shared_ptr<OverlayStore> overlays;
+  std::shared_ptr<QvnCloudAccount> cloud;
+  std::shared_ptr<QvnAutoUpdater> updater;
+  std::shared_ptr<QvnTelemetry> telemetry;
+  std::shared_ptr<Screens> screens;
+  std::shared_ptr<KeyMonitor> keys;
+  std::shared_ptr<SleepWatcher> sleep;
+  std::shared_ptr<StayAwake> stayAwake;
+  std::shared_ptr<AppLifecycle> lifecycle;
+
+  // Every hub by its stand-in, for the parts of the studio that are not built yet.
+  // The app swaps in each real hub as it exists.
+  static StudioHubs notYetAvailable();
+};
+
+}  // namespace qvn

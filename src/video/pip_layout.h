@@ -1,0 +1,76 @@
+// The inset's geometry and style: a plain value stored with the studio and handed to the mix.
+#pragma once
+
+#include <array>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "support/enum_text.h"
+#include "video/overlay_rgba.h"
+
+namespace qvn {
+
+enum class QvnPiPAspect { source, wide, classic, square, vertical };
+enum class PiPCorner { topLeft, topRight, bottomLeft, bottomRight };
+
+struct QvnPiPLayout {
+  double x = 0.84;  // centre, fraction of canvas width
+  double y = 0.79;  // centre, fraction of canvas height (y down)
+  double width = 0.28;
+  QvnPiPAspect aspect = QvnPiPAspect::source;
+  double rotation = 0;  // degrees
+  double opacity = 1;
+  double cornerRadius = 0;  // canvas pixels
+  double borderWidth = 3;   // canvas pixels
+  OverlayRGBA borderColor{1, 1, 1, 0.85};
+  double shadowRadius = 0;
+  double shadowOpacity = 0;
+  bool circle = false;
+  double zoom = 1;
+  double panX = 0;
+  double panY = 0;
+
+  QvnPiPLayout clamped() const;
+  // The default inset placed in a corner of the canvas.
+  static QvnPiPLayout inCorner(PiPCorner corner);
+
+  // JSON with the field names as keys; every key is required, so a stored layout that
+  // lacks one is rejected whole.
+  std::string toJSON() const;
+  static std::optional<QvnPiPLayout> fromJSON(std::string_view json);
+
+  bool operator==(const QvnPiPLayout&) const = default;
+};
+
+// The inset that is on air.
+struct PiPState {
+  bool on = false;
+  int slot = 0;
+  QvnPiPLayout layout;
+  bool operator==(const PiPState&) const = default;
+};
+
+template <>
+struct EnumTexts<QvnPiPAspect> {
+  static constexpr std::array<std::pair<QvnPiPAspect, std::string_view>, 5> table{{
+      {QvnPiPAspect::source, "source"},
+      {QvnPiPAspect::wide, "wide"},
+      {QvnPiPAspect::classic, "classic"},
+      {QvnPiPAspect::square, "square"},
+      {QvnPiPAspect::vertical, "vertical"},
+  }};
+};
+
+template <>
+struct EnumTexts<PiPCorner> {
+  static constexpr std::array<std::pair<PiPCorner, std::string_view>, 4> table{{
+      {PiPCorner::topLeft, "topLeft"},
+      {PiPCorner::topRight, "topRight"},
+      {PiPCorner::bottomLeft, "bottomLeft"},
+      {PiPCorner::bottomRight, "bottomRight"},
+  }};
+};
+
+}  // namespace qvn

@@ -24,6 +24,7 @@ endfunction()
 if(NOT TARGET qvn-tests)
   add_custom_target(qvn-tests)
   add_custom_target(qvn-tests-threads)
+  add_custom_target(qvn-fuzzers)
 endif()
 
 # qvn_test(NAME SOURCES files... DEPS targets... LABELS unit|e2e|slow|threads...)
@@ -33,10 +34,28 @@ function(qvn_test name)
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock_main Threads::Threads)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   qvn_warnings(${name})
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 30
-                       PROPERTIES LABELS "${ARG_LABELS}")
+  # One CTest entry per program: its GoogleTest output names every case, and labels stay
+  # a plain list.
+  add_test(NAME ${name} COMMAND ${name} --gtest_brief=1)
+  set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABELS}")
   add_dependencies(qvn-tests ${name})
   if("threads" IN_LIST ARG_LABELS)
     add_dependencies(qvn-tests-threads ${name})
   endif()
+endfunction()
+
+# qvn_fuzz(NAME SOURCES files... DEPS targets...): a libFuzzer program with a seed corpus in
+# corpus/<name without qvn-fuzz->, run briefly by CTest under the label fuzz.
+function(qvn_fuzz name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS})
+  target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+  qvn_warnings(${name})
+  string(REPLACE "qvn-fuzz-" "" corpus ${name})
+  string(REPLACE "-" "_" corpus ${corpus})
+  add_test(NAME ${name} COMMAND ${name} -max_total_time=20 -max_len=4096
+           ${CMAKE_CURRENT_SOURCE_DIR}/corpus/${corpus})
+  set_tests_properties(${name} PROPERTIES LABELS fuzz)
+  add_dependencies(qvn-fuzzers ${name})
 endfunction()

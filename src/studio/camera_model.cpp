@@ -72,7 +72,13 @@ CameraModel::CameraModel(StudioContext context)
   hubs_.cloud->onChange = hop([](CameraModel& m) { m.changed.emit(); });
 }
 
-CameraModel::~CameraModel() = default;
+// Delayed work holds the model itself; none of it may run once the model is gone.
+CameraModel::~CameraModel() {
+  toastTask_.cancel();
+  persistWork_.cancel();
+  audioSaveWork_.cancel();
+  for (auto& [slot, check] : pictureChecks_) check.cancel();
+}
 
 void CameraModel::wireHubs() {
   auto& h = hubs_;
@@ -80,16 +86,16 @@ void CameraModel::wireHubs() {
   h.signaling->onSlotsChanged =
       hop([](CameraModel& m, std::vector<CameraSlot> rows) { m.slotsDidChange(rows); });
   // The signaling queue waits for these answers; the main thread never waits on it.
-  h.signaling->isSlotLocallyOccupied = [this, weak = std::weak_ptr(anchor_)](int slot) {
+  h.signaling->isSlotLocallyOccupied = [&main = main_, weak = std::weak_ptr(anchor_)](int slot) {
     bool occupied = false;
-    main_.sync([&] {
+    main.sync([&] {
       if (auto alive = weak.lock()) occupied = alive->model->localLive().contains(slot);
     });
     return occupied;
   };
-  h.signaling->openSlotLimit = [this, weak = std::weak_ptr(anchor_)] {
+  h.signaling->openSlotLimit = [&main = main_, weak = std::weak_ptr(anchor_)] {
     int limit = kMinVisibleInputs;
-    main_.sync([&] {
+    main.sync([&] {
       if (auto alive = weak.lock()) limit = alive->model->visibleInputCount();
     });
     return limit;
@@ -257,8 +263,12 @@ void CameraModel::start() {
   // 30
   if (!terminateObserved_) {
     terminateObserved_ = true;
-    hubs_.lifecycle->observeWillTerminate([this] { willTerminate(); });
-    hubs_.lifecycle->observeDidResignActive([this] { persistWorkspace(); });
+    hubs_.lifecycle->observeWillTerminate([weak = std::weak_ptr(anchor_)] {
+      if (auto alive = weak.lock()) alive->model->willTerminate();
+    });
+    hubs_.lifecycle->observeDidResignActive([weak = std::weak_ptr(anchor_)] {
+      if (auto alive = weak.lock()) alive->model->persistWorkspace();
+    });
   }
   // 31
   appendLog("Ready on " + ip() + ":8765  PIN " + pin());
@@ -267,7 +277,9 @@ void CameraModel::start() {
     auto alive = weak.lock();
     return alive ? alive->model->updateBlocker() : std::nullopt;
   };
-  hubs_.updater->onNotice = [this](std::string text) { flash(text); };
+  hubs_.updater->onNotice = [weak = std::weak_ptr(anchor_)](std::string text) {
+    if (auto alive = weak.lock()) alive->model->flash(text);
+  };
   hubs_.updater->start();
 }
 

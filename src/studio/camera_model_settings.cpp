@@ -69,7 +69,8 @@ void CameraModel::scheduleAudioSave() {
 void CameraModel::saveSettings() {
   if (applyingSettings_) return;
   auto& s = settings_;
-  auto setOrRemove = [&s](const char* key, const std::optional<std::string>& value) {
+  // An optional that is none is removed rather than stored.
+  auto setOrRemove = [&s]<class T>(const char* key, const std::optional<T>& value) {
     if (value)
       s.set(key, *value);
     else
@@ -86,10 +87,7 @@ void CameraModel::saveSettings() {
   s.set("qvn.pipCorner", textOf(pipCorner()));
   s.set("qvn.monitorOn", monitorOn());
   s.set("qvn.monitorVolume", single(monitorVolume()));
-  if (audibleSlotOverride())
-    s.set("qvn.audibleSlotOverride", *audibleSlotOverride());
-  else
-    s.remove("qvn.audibleSlotOverride");
+  setOrRemove("qvn.audibleSlotOverride", audibleSlotOverride());
   s.set("qvn.monitorFinalOutput", monitorFinalOutput());
   s.set("qvn.goLiveMixAudio", goLiveMixAudio());
   s.set("qvn.auxOutputOn", auxOutputOn());
@@ -118,7 +116,8 @@ void CameraModel::saveSettings() {
                            : source.kind == Kind::none   ? "none"
                                                          : "mix";
   s.set("qvn.audioSource", sourceText);
-  setOrRemove("qvn.audioSourceMicID", source.kind == Kind::mac ? source.micID : std::nullopt);
+  setOrRemove("qvn.audioSourceMicID",
+              source.kind == Kind::mac ? source.micID : std::optional<std::string>());
   s.set("qvn.overlaysOn", overlaysOn());
   s.set("qvn.lowerThirdOn", lowerThirdOn());
   s.set("qvn.lowerThirdName", lowerThirdName());
@@ -126,10 +125,7 @@ void CameraModel::saveSettings() {
   s.set("qvn.logoOn", logoOn());
   s.set("qvn.logoCorner", textOf(logoCorner()));
   s.set("qvn.logoName", logoName());
-  if (logoBookmark())
-    s.set("qvn.logoBookmark", *logoBookmark());
-  else
-    s.remove("qvn.logoBookmark");
+  setOrRemove("qvn.logoBookmark", logoBookmark());
   const std::string look = overlayLook().toJSON();
   s.set("qvn.overlayLook", SettingsBytes(look.begin(), look.end()));
   SettingsList screenIDs;

@@ -51,7 +51,9 @@ void CameraModel::slotsDidChange(const std::vector<CameraSlot>& incoming) {
       if (auto* hub = hubForKind(local->second.kind)) hub->stopSlot(row.index);
       localLive.modify([&](auto& map) { map.erase(row.index); });
     } else if (local != localLive().end() && local->second.live) {
+      const std::string label = row.label;
       row = local->second;
+      row.label = label;  // the operator's name stays on the card whatever feeds it
     }
     result[row.index - 1] = row;
   }

@@ -85,7 +85,7 @@ class LogindSleepWatcher final : public SleepWatcher {
     }
 
     // Ping activates logind if it is only activatable, and tells us when it isn't there at all.
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};  // the C macro for this is a compound literal
     r = sd_bus_call_method(bus_, kLogindService, kLogindPath, "org.freedesktop.DBus.Peer", "Ping",
                            &error, nullptr, "");
     if (r < 0) {
@@ -169,7 +169,7 @@ class LogindStayAwake final : public StayAwake {
     if (r < 0) return "could not hold off sleep: no system bus (" + errnoText(r) + ")";
     sd_bus_set_method_call_timeout(bus, kCallTimeoutUsec);
 
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};  // the C macro for this is a compound literal
     sd_bus_message* reply = nullptr;
     r = sd_bus_call_method(bus, kLogindService, kLogindPath, kLogindManager, "Inhibit", &error,
                            &reply, "ssss", "sleep:idle", "Quorvane Studio",

@@ -58,7 +58,7 @@ class CameraModel {
   void flash(const std::string& text);
   // The in-memory status list: at most 200 lines; past that the oldest 50 go.
   void appendLog(const std::string& line);
-  // The app is ending: `will terminate` of the lifecycle, run before the process exits.
+  // Writes the session file now, or 0.3 s after the last of a burst of requests.
   void persistWorkspace();
   void schedulePersist();
 

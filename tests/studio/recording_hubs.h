@@ -314,21 +314,37 @@ struct RecLifecycle final : AppLifecycle, Recorder {
   }
 };
 
-#define QVN_RECORDING_HUBS(X)                                                                    \
-  X(signaling, RecSignaling)                                                                     \
-  X(mix, RecMix)                                                                                 \
-  X(frames, RecFrames)                                                                           \
-  X(localCapture, RecLocalCapture)                                                               \
-  X(media, RecMedia) X(screenCapture, RecScreenCapture) X(ndi, RecNDI) X(recorder, RecRecorder)  \
-      X(programOutput, RecProgramOutput) X(virtualCamera, RecVirtualCamera)                      \
-          X(wirelessBrowser, RecWireless) X(audio, RecAudio) X(audioDevices, RecAudioDevices)    \
-              X(masterInput, RecMasterInput) X(monitorMixer, RecMonitorMixer)                    \
-                  X(auxOutput, RecAuxOutput) X(externalHub, RecExternalHub)                      \
-                      X(meterBus, RecMeterBus) X(mediaLibrary, RecMediaLibrary)                  \
-                          X(overlays, RecOverlays) X(cloud, RecCloud) X(updater, RecUpdater)     \
-                              X(telemetry, RecTelemetry) X(screens, RecScreens) X(keys, RecKeys) \
-                                  X(sleep, RecSleep) X(stayAwake, RecStayAwake)                  \
-                                      X(lifecycle, RecLifecycle)
+// clang-format off
+#define QVN_RECORDING_HUBS(X) \
+  X(signaling, RecSignaling) \
+  X(mix, RecMix) \
+  X(frames, RecFrames) \
+  X(localCapture, RecLocalCapture) \
+  X(media, RecMedia) \
+  X(screenCapture, RecScreenCapture) \
+  X(ndi, RecNDI) \
+  X(recorder, RecRecorder) \
+  X(programOutput, RecProgramOutput) \
+  X(virtualCamera, RecVirtualCamera) \
+  X(wirelessBrowser, RecWireless) \
+  X(audio, RecAudio) \
+  X(audioDevices, RecAudioDevices) \
+  X(masterInput, RecMasterInput) \
+  X(monitorMixer, RecMonitorMixer) \
+  X(auxOutput, RecAuxOutput) \
+  X(externalHub, RecExternalHub) \
+  X(meterBus, RecMeterBus) \
+  X(mediaLibrary, RecMediaLibrary) \
+  X(overlays, RecOverlays) \
+  X(cloud, RecCloud) \
+  X(updater, RecUpdater) \
+  X(telemetry, RecTelemetry) \
+  X(screens, RecScreens) \
+  X(keys, RecKeys) \
+  X(sleep, RecSleep) \
+  X(stayAwake, RecStayAwake) \
+  X(lifecycle, RecLifecycle)
+// clang-format on
 
 struct RecordingHubs {
   explicit RecordingHubs(Trace& trace) : t(trace) {}

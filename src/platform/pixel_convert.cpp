@@ -1,0 +1,350 @@
+#include "platform/pixel_convert.h"
+
+#include <libyuv/convert_from.h>
+#include <libyuv/planar_functions.h>
+#include <libyuv/rotate_argb.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace qvn {
+namespace {
+
+bool fits(const PixelBuffer& src, PixelFormat from, const PixelBuffer& dst, PixelFormat to) {
+  return &src != &dst && src.format() == from && dst.format() == to && src.width() == dst.width() &&
+         src.height() == dst.height();
+}
+
+// BT.709 limited range both ways, our own: libyuv's RGB to YUV is BT.601 or full-range JPEG
+// only, and its BT.709 YUV to RGB caps the Cb-to-blue gain at 2.0 (its SIMD multiplies by
+// signed bytes) where 2.11 is right, so saturated blues come out up to 12 levels dark (pure
+// blue as 243).
+namespace bt709 {
+
+constexpr double kR = 0.2126;
+constexpr double kB = 0.0722;
+constexpr double kG = 1.0 - kR - kB;
+constexpr double kLumaRange = 219.0 / 255.0;
+constexpr double kChromaRange = 224.0 / 255.0;
+
+constexpr int fixedPoint(double v, int fractionBits) {
+  return static_cast<int>(v * (1 << fractionBits) + (v < 0 ? -0.5 : 0.5));
+}
+
+// To YUV, with 16 fraction bits.
+constexpr int fixed16(double v) {
+  return fixedPoint(v, 16);
+}
+
+constexpr int kYR = fixed16(kLumaRange * kR);
+constexpr int kYG = fixed16(kLumaRange * kG);
+constexpr int kYB = fixed16(kLumaRange * kB);
+// Greys must give exactly 128, so each chroma row sums to zero.
+constexpr int kUB = fixed16(kChromaRange * 0.5);
+constexpr int kUR = fixed16(-kChromaRange * 0.5 * kR / (1.0 - kB));
+constexpr int kUG = -kUB - kUR;
+constexpr int kVR = kUB;
+constexpr int kVB = fixed16(-kChromaRange * 0.5 * kB / (1.0 - kR));
+constexpr int kVG = -kVR - kVB;
+
+inline std::uint8_t lumaCode(const std::uint8_t* bgra) {
+  return static_cast<std::uint8_t>(
+      (kYR * bgra[2] + kYG * bgra[1] + kYB * bgra[0] + (16 << 16) + (1 << 15)) >> 16);
+}
+
+// From sums over a 2x2 block; never negative and never above 240, so no clamping.
+inline std::uint8_t chromaCode(int cr, int cg, int cb, int r, int g, int b) {
+  return static_cast<std::uint8_t>((cr * r + cg * g + cb * b + (128 << 18) + (1 << 17)) >> 18);
+}
+
+// `step` is 1 for separate U and V planes, 2 for interleaved CbCr.
+void fromBGRA(const PixelBuffer& src, std::uint8_t* y, int yStride, std::uint8_t* u,
+              std::uint8_t* v, int chromaStride, int step) {
+  const int width = src.width();
+  for (int row = 0; row < src.height(); row += 2) {
+    const std::uint8_t* top = src.bgraAt(0, row);
+    const std::uint8_t* bottom = src.bgraAt(0, row + 1);
+    std::uint8_t* yTop = y + row * yStride;
+    std::uint8_t* yBottom = yTop + yStride;
+    std::uint8_t* uRow = u + (row / 2) * chromaStride;
+    std::uint8_t* vRow = v + (row / 2) * chromaStride;
+    for (int x = 0; x < width; x += 2) {
+      const std::uint8_t* a = top + x * 4;
+      const std::uint8_t* b = a + 4;
+      const std::uint8_t* c = bottom + x * 4;
+      const std::uint8_t* d = c + 4;
+      yTop[x] = lumaCode(a);
+      yTop[x + 1] = lumaCode(b);
+      yBottom[x] = lumaCode(c);
+      yBottom[x + 1] = lumaCode(d);
+      const int sb = a[0] + b[0] + c[0] + d[0];
+      const int sg = a[1] + b[1] + c[1] + d[1];
+      const int sr = a[2] + b[2] + c[2] + d[2];
+      uRow[(x / 2) * step] = chromaCode(kUR, kUG, kUB, sr, sg, sb);
+      vRow[(x / 2) * step] = chromaCode(kVR, kVG, kVB, sr, sg, sb);
+    }
+  }
+}
+
+// From YUV, with 13 fraction bits so every coefficient fits the int16 multiply-add of SSE2;
+// the vector and the scalar paths give the same bytes.
+constexpr int fixed13(double v) {
+  return fixedPoint(v, 13);
+}
+
+constexpr int kLumaGain = fixed13(255.0 / 219.0);
+constexpr double kChromaGain = 255.0 / 224.0;
+constexpr int kBlueFromCb = fixed13(kChromaGain * 2.0 * (1.0 - kB));
+constexpr int kGreenFromCb = fixed13(-kChromaGain * 2.0 * (1.0 - kB) * kB / kG);
+constexpr int kGreenFromCr = fixed13(-kChromaGain * 2.0 * (1.0 - kR) * kR / kG);
+constexpr int kRedFromCr = fixed13(kChromaGain * 2.0 * (1.0 - kR));
+
+inline std::uint8_t clamped(int v) {
+  return static_cast<std::uint8_t>(std::clamp(v, 0, 255));
+}
+
+// y, u, v already less 16, 128, 128.
+inline void pixel(int y, int u, int v, std::uint8_t* bgra) {
+  const int luma = kLumaGain * y + (1 << 12);
+  bgra[0] = clamped((luma + kBlueFromCb * u) >> 13);
+  bgra[1] = clamped((luma + kGreenFromCb * u + kGreenFromCr * v) >> 13);
+  bgra[2] = clamped((luma + kRedFromCr * v) >> 13);
+  bgra[3] = 255;
+}
+
+#if defined(__SSE2__)
+// Two int16 coefficients side by side, as _mm_madd_epi16 pairs them.
+constexpr int pairOf(int low, int high) {
+  return static_cast<int>((static_cast<std::uint32_t>(static_cast<std::uint16_t>(high)) << 16) |
+                          static_cast<std::uint16_t>(low));
+}
+
+// Eight pixels: eight luma bytes at `y`, their four Cb,Cr pairs as bytes in `cbcr`.
+inline void eightPixels(const std::uint8_t* y, __m128i cbcr, std::uint8_t* bgra) {
+  const __m128i zero = _mm_setzero_si128();
+  const __m128i luma =
+      _mm_sub_epi16(_mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(y)), zero),
+                    _mm_set1_epi16(16));
+  const __m128i chroma = _mm_sub_epi16(_mm_unpacklo_epi8(cbcr, zero), _mm_set1_epi16(128));
+  // (y, 1) . (gain, half) is the luma term with its rounding.
+  const __m128i gain = _mm_set1_epi32(pairOf(kLumaGain, 1 << 12));
+  const __m128i one = _mm_set1_epi16(1);
+  const __m128i lumaLow = _mm_madd_epi16(_mm_unpacklo_epi16(luma, one), gain);
+  const __m128i lumaHigh = _mm_madd_epi16(_mm_unpackhi_epi16(luma, one), gain);
+  auto channel = [&](int coefficients) {
+    const __m128i c = _mm_madd_epi16(chroma, _mm_set1_epi32(coefficients));  // per Cb,Cr pair
+    const __m128i low = _mm_srai_epi32(_mm_add_epi32(lumaLow, _mm_unpacklo_epi32(c, c)), 13);
+    const __m128i high = _mm_srai_epi32(_mm_add_epi32(lumaHigh, _mm_unpackhi_epi32(c, c)), 13);
+    const __m128i words = _mm_packs_epi32(low, high);
+    return _mm_packus_epi16(words, words);
+  };
+  const __m128i blue = channel(pairOf(kBlueFromCb, 0));
+  const __m128i green = channel(pairOf(kGreenFromCb, kGreenFromCr));
+  const __m128i red = channel(pairOf(0, kRedFromCr));
+  const __m128i bg = _mm_unpacklo_epi8(blue, green);
+  const __m128i ra = _mm_unpacklo_epi8(red, _mm_set1_epi8(-1));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(bgra), _mm_unpacklo_epi16(bg, ra));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(bgra + 16), _mm_unpackhi_epi16(bg, ra));
+}
+#endif
+
+// One row; `step` is 1 for separate U and V rows, 2 for an interleaved CbCr row (v = u + 1).
+template <int step>
+void rowToBGRA(const std::uint8_t* y, const std::uint8_t* u, const std::uint8_t* v,
+               std::uint8_t* bgra, int width) {
+  int x = 0;
+#if defined(__SSE2__)
+  for (; x + 8 <= width; x += 8) {
+    __m128i cbcr;
+    if constexpr (step == 2) {
+      cbcr = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(u + x));
+    } else {
+      std::int32_t cb, cr;
+      std::memcpy(&cb, u + x / 2, 4);
+      std::memcpy(&cr, v + x / 2, 4);
+      cbcr = _mm_unpacklo_epi8(_mm_cvtsi32_si128(cb), _mm_cvtsi32_si128(cr));
+    }
+    eightPixels(y + x, cbcr, bgra + x * 4);
+  }
+#endif
+  for (; x < width; ++x) {
+    pixel(y[x] - 16, u[(x / 2) * step] - 128, v[(x / 2) * step] - 128, bgra + x * 4);
+  }
+}
+
+template <int step>
+void toBGRA(const PixelBuffer& src, PixelBuffer& dst) {
+  for (int row = 0; row < src.height(); ++row) {
+    const std::uint8_t* u = src.data(1) + (row / 2) * src.stride(1);
+    const std::uint8_t* v = step == 2 ? u + 1 : src.data(2) + (row / 2) * src.stride(2);
+    rowToBGRA<step>(src.data(0) + row * src.stride(0), u, v, dst.bgraAt(0, row), src.width());
+  }
+}
+
+}  // namespace bt709
+
+// Bilinear BGRA scaling. libyuv's own ARGB filter weighs neighbours 127/128 in all, which
+// turns 255 into 253 and so makes opaque pictures slightly transparent; here the two
+// weights of each tap always sum to 256. Sample centres line up (pixel x of dst sits at
+// (x + 0.5) * src/dst - 0.5 of src), edges repeat.
+namespace bilinear {
+
+struct Tap {
+  int offset;            // bytes to the left pixel of the pair
+  std::int32_t weights;  // left | right << 16, summing to 256
+};
+
+// Where dst sample i falls in src, in 16.16 fixed point, clamped to the first and last
+// pixel; exact for any int sizes.
+std::int64_t position(int i, int srcSize, int dstSize) {
+  const std::int64_t numerator = (2 * static_cast<std::int64_t>(i) + 1) * srcSize;
+  const std::int64_t denominator = 2 * static_cast<std::int64_t>(dstSize);
+  const std::int64_t at = ((numerator / denominator) << 16) +
+                          ((numerator % denominator) << 16) / denominator - (1 << 15);
+  return std::clamp<std::int64_t>(at, 0, static_cast<std::int64_t>(srcSize - 1) << 16);
+}
+
+// One row from src's width to dst's. A tap reads its pixel pair as 8 bytes, so the last
+// pixel is reached as the right half of a pair; a 1-pixel-wide row is copied out instead.
+void row(const std::uint8_t* src, int srcWidth, const Tap* taps, int width, std::uint8_t* dst) {
+  if (srcWidth == 1) {
+    for (int x = 0; x < width; ++x) std::memcpy(dst + x * 4, src, 4);
+    return;
+  }
+  for (int x = 0; x < width; ++x) {
+    const Tap tap = taps[x];
+#if defined(__SSE2__)
+    // Bytes a0..a3 b0..b3 become words a0 b0 a1 b1 ..., so one multiply-add per channel.
+    const __m128i pair = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(src + tap.offset));
+    const __m128i words =
+        _mm_unpacklo_epi8(_mm_unpacklo_epi8(pair, _mm_srli_si128(pair, 4)), _mm_setzero_si128());
+    const __m128i sums = _mm_srli_epi32(
+        _mm_add_epi32(_mm_madd_epi16(words, _mm_set1_epi32(tap.weights)), _mm_set1_epi32(128)), 8);
+    const __m128i bytes = _mm_packs_epi32(sums, sums);
+    const std::int32_t out = _mm_cvtsi128_si32(_mm_packus_epi16(bytes, bytes));
+    std::memcpy(dst + x * 4, &out, 4);
+#else
+    const std::uint8_t* a = src + tap.offset;
+    const int left = tap.weights & 0xffff;
+    const int right = tap.weights >> 16;
+    for (int c = 0; c < 4; ++c) {
+      dst[x * 4 + c] = static_cast<std::uint8_t>((a[c] * left + a[c + 4] * right + 128) >> 8);
+    }
+#endif
+  }
+}
+
+void scale(const PixelBuffer& src, PixelBuffer& dst) {
+  const int srcWidth = src.width();
+  const int width = dst.width();
+  // Kept per thread so a steady stream of frames allocates nothing after the first.
+  thread_local std::vector<Tap> taps;
+  thread_local std::vector<std::uint8_t> cache;
+  taps.resize(static_cast<size_t>(width));
+  for (int x = 0; x < width; ++x) {
+    const std::int64_t at = position(x, srcWidth, width);
+    int left = static_cast<int>(at >> 16);
+    int weight = static_cast<int>((at >> 8) & 255);
+    if (left == srcWidth - 1 && srcWidth > 1) {
+      left -= 1;
+      weight = 256;
+    }
+    taps[static_cast<size_t>(x)] = {left * 4, (256 - weight) | weight << 16};
+  }
+
+  // Rows already scaled across, reused by the next dst rows while they fall between them.
+  const size_t rowBytes = static_cast<size_t>(width) * 4;
+  cache.resize(rowBytes * 2);
+  std::uint8_t* slots[2] = {cache.data(), cache.data() + rowBytes};
+  int held[2] = {-1, -1};
+  auto across = [&](int y) -> const std::uint8_t* {
+    if (srcWidth == width) return src.bgraAt(0, y);
+    for (int i = 0; i < 2; ++i) {
+      if (held[i] == y) return slots[i];
+    }
+    const int slot = held[0] == y - 1 ? 1 : 0;  // keep the row above
+    row(src.bgraAt(0, y), srcWidth, taps.data(), width, slots[slot]);
+    held[slot] = y;
+    return slots[slot];
+  };
+
+  for (int y = 0; y < dst.height(); ++y) {
+    const std::int64_t at = position(y, src.height(), dst.height());
+    const int top = static_cast<int>(at >> 16);
+    const int weight = static_cast<int>((at >> 8) & 255);
+    const std::uint8_t* upper = across(top);
+    if (weight == 0) {
+      std::memcpy(dst.bgraAt(0, y), upper, rowBytes);
+    } else {
+      libyuv::InterpolatePlane(upper, 0, across(top + 1), 0, dst.bgraAt(0, y), 0, width * 4, 1,
+                               weight);
+    }
+  }
+}
+
+}  // namespace bilinear
+}  // namespace
+
+bool i420ToBGRA(const PixelBuffer& src, PixelBuffer& dst) {
+  if (!fits(src, PixelFormat::i420, dst, PixelFormat::bgra)) return false;
+  bt709::toBGRA<1>(src, dst);
+  return true;
+}
+
+bool nv12ToBGRA(const PixelBuffer& src, PixelBuffer& dst) {
+  if (!fits(src, PixelFormat::nv12, dst, PixelFormat::bgra)) return false;
+  bt709::toBGRA<2>(src, dst);
+  return true;
+}
+
+bool bgraToNV12(const PixelBuffer& src, PixelBuffer& dst) {
+  if (!fits(src, PixelFormat::bgra, dst, PixelFormat::nv12)) return false;
+  bt709::fromBGRA(src, dst.data(0), dst.stride(0), dst.data(1), dst.data(1) + 1, dst.stride(1), 2);
+  return true;
+}
+
+bool bgraToI420(const PixelBuffer& src, PixelBuffer& dst) {
+  if (!fits(src, PixelFormat::bgra, dst, PixelFormat::i420)) return false;
+  bt709::fromBGRA(src, dst.data(0), dst.stride(0), dst.data(1), dst.data(2), dst.stride(1), 1);
+  return true;
+}
+
+bool i420ToNV12(const PixelBuffer& src, PixelBuffer& dst) {
+  if (!fits(src, PixelFormat::i420, dst, PixelFormat::nv12)) return false;
+  return libyuv::I420ToNV12(src.data(0), src.stride(0), src.data(1), src.stride(1), src.data(2),
+                            src.stride(2), dst.data(0), dst.stride(0), dst.data(1), dst.stride(1),
+                            src.width(), src.height()) == 0;
+}
+
+bool scaleBGRA(const PixelBuffer& src, PixelBuffer& dst) {
+  if (&src == &dst || src.format() != PixelFormat::bgra || dst.format() != PixelFormat::bgra) {
+    return false;
+  }
+  if (src.width() == dst.width() && src.height() == dst.height()) {
+    libyuv::ARGBCopy(src.data(), src.stride(), dst.data(), dst.stride(), src.width(), src.height());
+  } else {
+    bilinear::scale(src, dst);
+  }
+  return true;
+}
+
+bool rotateBGRA(const PixelBuffer& src, PixelBuffer& dst, int degrees) {
+  if (&src == &dst || src.format() != PixelFormat::bgra || dst.format() != PixelFormat::bgra) {
+    return false;
+  }
+  const bool quarter = degrees == 90 || degrees == 270;
+  if (degrees != 0 && degrees != 180 && !quarter) return false;
+  const int width = quarter ? src.height() : src.width();
+  const int height = quarter ? src.width() : src.height();
+  if (dst.width() != width || dst.height() != height) return false;
+  return libyuv::ARGBRotate(src.data(), src.stride(), dst.data(), dst.stride(), src.width(),
+                            src.height(), static_cast<libyuv::RotationMode>(degrees)) == 0;
+}
+
+}  // namespace qvn

@@ -1,0 +1,338 @@
+#include "platform/pixel_buffer.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "platform/pixel_convert.h"
+
+namespace qvn {
+namespace {
+
+using Bgra = std::array<int, 4>;
+
+void fillPlane(PixelBuffer& buffer, int plane, std::uint8_t value) {
+  const bool pairs = buffer.format() == PixelFormat::nv12 && plane == 1;
+  const int rowBytes = buffer.planeWidth(plane) * (buffer.format() == PixelFormat::bgra ? 4
+                                                   : pairs                              ? 2
+                                                                                        : 1);
+  for (int y = 0; y < buffer.planeHeight(plane); ++y) {
+    std::memset(buffer.data(plane) + y * buffer.stride(plane), value, rowBytes);
+  }
+}
+
+PixelBufferRef flatBGRA(int width, int height, Bgra colour) {
+  PixelBufferRef buffer = PixelBuffer::make(PixelFormat::bgra, width, height);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      for (int c = 0; c < 4; ++c) buffer->bgraAt(x, y)[c] = static_cast<std::uint8_t>(colour[c]);
+    }
+  }
+  return buffer;
+}
+
+Bgra at(const PixelBuffer& buffer, int x, int y) {
+  const std::uint8_t* p = buffer.bgraAt(x, y);
+  return {p[0], p[1], p[2], p[3]};
+}
+
+void expectNear(Bgra actual, Bgra expected, int tolerance) {
+  for (int c = 0; c < 4; ++c) EXPECT_NEAR(actual[c], expected[c], tolerance) << "channel " << c;
+}
+
+TEST(PixelBuffer, EveryPlaneStartsAndStridesOn64Bytes) {
+  struct Case {
+    PixelFormat format;
+    int width, height, planes;
+  };
+  for (Case c : {Case{PixelFormat::bgra, 1, 1, 1}, Case{PixelFormat::bgra, 17, 3, 1},
+                 Case{PixelFormat::bgra, 65, 7, 1}, Case{PixelFormat::nv12, 66, 4, 2},
+                 Case{PixelFormat::i420, 130, 2, 3}}) {
+    PixelBufferRef buffer = PixelBuffer::make(c.format, c.width, c.height);
+    ASSERT_TRUE(buffer);
+    EXPECT_EQ(buffer->format(), c.format);
+    EXPECT_EQ(buffer->width(), c.width);
+    EXPECT_EQ(buffer->height(), c.height);
+    ASSERT_EQ(buffer->planeCount(), c.planes);
+    for (int plane = 0; plane < c.planes; ++plane) {
+      const int chromaDiv = plane == 0 ? 1 : 2;
+      const int rowBytes = c.format == PixelFormat::bgra
+                               ? c.width * 4
+                               : c.width / (c.format == PixelFormat::i420 ? chromaDiv : 1);
+      EXPECT_EQ(reinterpret_cast<std::uintptr_t>(buffer->data(plane)) % 64, 0u);
+      EXPECT_EQ(buffer->stride(plane) % 64, 0);
+      EXPECT_GE(buffer->stride(plane), rowBytes);
+      EXPECT_LT(buffer->stride(plane), rowBytes + 64);
+      EXPECT_EQ(buffer->planeWidth(plane), c.width / chromaDiv);
+      EXPECT_EQ(buffer->planeHeight(plane), c.height / chromaDiv);
+      fillPlane(*buffer, plane, 0x5a);  // every row fits (ASan watches)
+    }
+    EXPECT_EQ(buffer->planeWidth(c.planes), 0);
+  }
+}
+
+TEST(PixelBuffer, InvalidSizesGiveNone) {
+  QvnPixelBufferPool pool(PixelFormat::nv12);
+  for (auto [w, h] : {std::pair{0, 2}, {2, 0}, {-2, 2}, {3, 2}, {2, 3}}) {
+    EXPECT_FALSE(PixelBuffer::make(PixelFormat::nv12, w, h));
+    EXPECT_FALSE(PixelBuffer::make(PixelFormat::i420, w, h));
+    EXPECT_FALSE(pool.make(w, h));
+  }
+  EXPECT_FALSE(PixelBuffer::make(PixelFormat::bgra, 0, 1));
+  EXPECT_TRUE(PixelBuffer::make(PixelFormat::bgra, 3, 1));
+}
+
+TEST(PixelBufferPool, RecyclesOnlyWhatNobodyHolds) {
+  QvnPixelBufferPool pool(PixelFormat::bgra, 2);
+  PixelBufferRef first = pool.make(8, 4);
+  PixelBufferRef held = pool.make(8, 4);
+  const PixelBuffer* recycled = first.get();
+  EXPECT_NE(held.get(), recycled);
+  first.reset();
+  std::weak_ptr<PixelBuffer> watcher = pool.make(8, 4);
+  EXPECT_FALSE(watcher.lock());  // it came back, and went again at once
+  PixelBufferRef whileWatched = pool.make(8, 4);
+  EXPECT_NE(whileWatched.get(), recycled);  // a weak reference still counts
+  EXPECT_NE(whileWatched.get(), held.get());
+  watcher.reset();
+  EXPECT_EQ(pool.make(8, 4).get(), recycled);
+}
+
+TEST(PixelBufferPool, SizeChangeStartsOverAndOldBuffersStayValid) {
+  QvnPixelBufferPool pool(PixelFormat::i420);
+  PixelBufferRef old = pool.make(4, 2);
+  pool.make(4, 2);  // left in the free list
+  PixelBufferRef fresh = pool.make(6, 4);
+  EXPECT_EQ(fresh->width(), 6);
+  EXPECT_EQ(fresh->height(), 4);
+  fillPlane(*old, 2, 7);
+  EXPECT_EQ(old->data(2)[1], 7);
+  old.reset();  // not the pool's size any more: freed, not kept
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(pool.make(6, 4)->height(), 4);
+}
+
+TEST(PixelBufferPool, BuffersOutliveTheirPool) {
+  auto pool = std::make_unique<QvnPixelBufferPool>(PixelFormat::nv12);
+  PixelBufferRef held = pool->make(16, 16);
+  pool->make(16, 16);  // one in the free list when the pool goes
+  pool.reset();
+  fillPlane(*held, 1, 3);
+  EXPECT_EQ(held->data(1)[0], 3);
+}
+
+TEST(PixelBufferPool, ThreadsNeverShareABuffer) {
+  QvnPixelBufferPool pool(PixelFormat::bgra, 3);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&pool, t] {
+      std::vector<std::pair<PixelBufferRef, std::uint32_t>> held;
+      for (std::uint32_t i = 0; i < 2000; ++i) {
+        const int width = (t == 0 && i % 500 == 0) ? 16 + static_cast<int>(i / 500) : 16;
+        PixelBufferRef buffer = pool.make(width, 2);
+        ASSERT_TRUE(buffer);
+        const std::uint32_t mark = static_cast<std::uint32_t>(t) << 16 | i;
+        std::memcpy(buffer->data(), &mark, sizeof mark);
+        held.emplace_back(std::move(buffer), mark);
+        if (held.size() > 2) held.erase(held.begin());
+        for (const auto& [kept, expected] : held) {
+          std::uint32_t seen = 0;
+          std::memcpy(&seen, kept->data(), sizeof seen);
+          ASSERT_EQ(seen, expected);
+        }
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
+// BT.709 limited range in doubles: Y, Cb, Cr codes from R, G, B levels, and back.
+constexpr double kR = 0.2126, kB = 0.0722, kG = 1 - kR - kB;
+
+std::array<double, 3> reference(double r, double g, double b) {
+  const double y = kR * r + kG * g + kB * b;
+  return {16 + 219.0 / 255 * y, 128 + 224.0 / 255 * (b - y) / (2 * (1 - kB)),
+          128 + 224.0 / 255 * (r - y) / (2 * (1 - kR))};
+}
+
+std::array<double, 3> referenceBGR(int y, int u, int v) {
+  const double l = (y - 16) / 219.0, cb = (u - 128) / 224.0, cr = (v - 128) / 224.0;
+  const double r = l + 2 * (1 - kR) * cr, b = l + 2 * (1 - kB) * cb, g = (l - kR * r - kB * b) / kG;
+  return {std::clamp(b * 255, 0.0, 255.0), std::clamp(g * 255, 0.0, 255.0),
+          std::clamp(r * 255, 0.0, 255.0)};
+}
+
+TEST(PixelConvert, YuvToBgraMatchesTheReference) {
+  // 22 wide: vector steps of 8 and a plain tail.
+  PixelBufferRef i420 = PixelBuffer::make(PixelFormat::i420, 22, 4);
+  std::mt19937 random(709);
+  for (int plane = 0; plane < 3; ++plane) {
+    for (int y = 0; y < i420->planeHeight(plane); ++y) {
+      for (int x = 0; x < i420->planeWidth(plane); ++x) {
+        i420->data(plane)[y * i420->stride(plane) + x] = static_cast<std::uint8_t>(random());
+      }
+    }
+  }
+  // Textbook codes: white, black, red, green, blue.
+  const int codes[5][3] = {
+      {235, 128, 128}, {16, 128, 128}, {63, 102, 240}, {173, 42, 26}, {32, 240, 118}};
+  const Bgra colours[5] = {
+      {255, 255, 255, 255}, {0, 0, 0, 255}, {0, 0, 255, 255}, {0, 255, 0, 255}, {255, 0, 0, 255}};
+  for (int i = 0; i < 5; ++i) {
+    i420->data(0)[2 * i] = i420->data(0)[2 * i + 1] = static_cast<std::uint8_t>(codes[i][0]);
+    i420->data(1)[i] = static_cast<std::uint8_t>(codes[i][1]);
+    i420->data(2)[i] = static_cast<std::uint8_t>(codes[i][2]);
+  }
+  PixelBufferRef nv12 = PixelBuffer::make(PixelFormat::nv12, 22, 4);
+  PixelBufferRef fromI420 = PixelBuffer::make(PixelFormat::bgra, 22, 4);
+  PixelBufferRef fromNV12 = PixelBuffer::make(PixelFormat::bgra, 22, 4);
+  ASSERT_TRUE(i420ToNV12(*i420, *nv12));
+  ASSERT_TRUE(i420ToBGRA(*i420, *fromI420));
+  ASSERT_TRUE(nv12ToBGRA(*nv12, *fromNV12));
+  for (int i = 0; i < 5; ++i) expectNear(at(*fromI420, 2 * i + 1, 0), colours[i], 1);
+  for (int y = 0; y < 4; ++y) {
+    for (int x = 0; x < 22; ++x) {
+      const int c = y / 2 * i420->stride(1) + x / 2;
+      const auto expected =
+          referenceBGR(i420->data(0)[y * i420->stride(0) + x], i420->data(1)[c], i420->data(2)[c]);
+      const Bgra actual = at(*fromI420, x, y);
+      for (int k = 0; k < 3; ++k) EXPECT_NEAR(actual[k], expected[k], 0.51) << x << "," << y;
+      EXPECT_EQ(actual[3], 255);
+      EXPECT_EQ(at(*fromNV12, x, y), actual);
+    }
+  }
+}
+
+TEST(PixelConvert, BgraToYuvMatchesTheReference) {
+  PixelBufferRef src = PixelBuffer::make(PixelFormat::bgra, 32, 16);
+  std::mt19937 random(709);
+  for (int y = 0; y < 16; ++y) {
+    for (int x = 0; x < 32 * 4; ++x) src->bgraAt(0, y)[x] = static_cast<std::uint8_t>(random());
+  }
+  for (int i = 0; i < 4; ++i) std::memcpy(src->bgraAt(i % 2, i / 2), "\x00\x00\xff\xff", 4);  // red
+  PixelBufferRef i420 = PixelBuffer::make(PixelFormat::i420, 32, 16);
+  PixelBufferRef nv12 = PixelBuffer::make(PixelFormat::nv12, 32, 16);
+  PixelBufferRef viaI420 = PixelBuffer::make(PixelFormat::nv12, 32, 16);
+  ASSERT_TRUE(bgraToI420(*src, *i420));
+  ASSERT_TRUE(bgraToNV12(*src, *nv12));
+  ASSERT_TRUE(i420ToNV12(*i420, *viaI420));
+  EXPECT_EQ((std::array{i420->data(0)[0], i420->data(1)[0], i420->data(2)[0]}),
+            (std::array<std::uint8_t, 3>{63, 102, 240}));
+  for (int y = 0; y < 16; ++y) {
+    for (int x = 0; x < 32; ++x) {
+      const std::uint8_t* p = src->bgraAt(x, y);
+      EXPECT_NEAR(i420->data(0)[y * i420->stride(0) + x], reference(p[2], p[1], p[0])[0], 0.51);
+    }
+    for (int plane = 0; plane < 2; ++plane) {  // both routes to NV12 agree
+      const int row = plane == 0 ? y : y / 2;
+      EXPECT_EQ(std::memcmp(nv12->data(plane) + row * nv12->stride(plane),
+                            viaI420->data(plane) + row * viaI420->stride(plane), 32),
+                0);
+    }
+  }
+  for (int y = 0; y < 8; ++y) {
+    for (int x = 0; x < 16; ++x) {
+      double sum[3] = {};
+      for (int i = 0; i < 12; ++i)
+        sum[i % 3] += src->bgraAt(2 * x + i / 3 % 2, 2 * y + i / 6)[i % 3];
+      const auto expected = reference(sum[2] / 4, sum[1] / 4, sum[0] / 4);
+      EXPECT_NEAR(i420->data(1)[y * i420->stride(1) + x], expected[1], 0.51);
+      EXPECT_NEAR(i420->data(2)[y * i420->stride(2) + x], expected[2], 0.51);
+    }
+  }
+}
+
+// 4:2:0 keeps one chroma per 2x2 block: steps between blocks survive within rounding, a
+// gentle slope across pixels within a few levels.
+TEST(PixelConvert, GradientsSurviveARoundTripThroughNV12) {
+  for (bool blocks : {true, false}) {
+    PixelBufferRef src = PixelBuffer::make(PixelFormat::bgra, 64, 64);
+    for (int y = 0; y < 64; ++y) {
+      for (int x = 0; x < 64; ++x) {
+        const int u = blocks ? x / 2 * 8 : x * 2, v = blocks ? y / 2 * 8 : y * 2;
+        std::uint8_t* p = src->bgraAt(x, y);
+        p[0] = static_cast<std::uint8_t>(255 - u);
+        p[1] = static_cast<std::uint8_t>(v);
+        p[2] = static_cast<std::uint8_t>(u / 2 + v / 2);
+        p[3] = 255;
+      }
+    }
+    PixelBufferRef nv12 = PixelBuffer::make(PixelFormat::nv12, 64, 64);
+    PixelBufferRef back = PixelBuffer::make(PixelFormat::bgra, 64, 64);
+    ASSERT_TRUE(bgraToNV12(*src, *nv12));
+    ASSERT_TRUE(nv12ToBGRA(*nv12, *back));
+    int worst = 0;
+    for (int y = 0; y < 64; ++y) {
+      for (int x = 0; x < 64; ++x) {
+        for (int c = 0; c < 4; ++c)
+          worst = std::max(worst, std::abs(at(*back, x, y)[c] - at(*src, x, y)[c]));
+      }
+    }
+    EXPECT_LE(worst, blocks ? 2 : 3);
+  }
+}
+
+TEST(PixelConvert, RotateAndScale) {
+  const Bgra mark = {1, 2, 3, 255}, plain = {9, 9, 9, 255};
+  PixelBufferRef src = flatBGRA(4, 2, plain);
+  std::memcpy(src->bgraAt(3, 0), "\x01\x02\x03\xff", 4);  // top right
+  PixelBufferRef turned = PixelBuffer::make(PixelFormat::bgra, 2, 4);
+  ASSERT_TRUE(rotateBGRA(*src, *turned, 90));
+  EXPECT_EQ(at(*turned, 1, 3), mark);  // bottom right
+  EXPECT_EQ(at(*turned, 0, 0), plain);
+  ASSERT_TRUE(rotateBGRA(*src, *turned, 270));
+  EXPECT_EQ(at(*turned, 0, 0), mark);
+  PixelBufferRef halfTurn = PixelBuffer::make(PixelFormat::bgra, 4, 2);
+  ASSERT_TRUE(rotateBGRA(*src, *halfTurn, 180));
+  EXPECT_EQ(at(*halfTurn, 0, 1), mark);
+
+  // Flat stays flat (alpha too) up, down, one way only and from a single pixel.
+  for (auto [w, h, toW, toH] :
+       {std::array{7, 5, 16, 9}, {16, 9, 7, 5}, {7, 5, 7, 9}, {1, 1, 5, 3}}) {
+    PixelBufferRef flat = flatBGRA(w, h, {10, 20, 30, 255});
+    PixelBufferRef scaled = flatBGRA(toW, toH, {});
+    ASSERT_TRUE(scaleBGRA(*flat, *scaled));
+    for (int y = 0; y < toH; ++y) {
+      for (int x = 0; x < toW; ++x) ASSERT_EQ(at(*scaled, x, y), (Bgra{10, 20, 30, 255}));
+    }
+  }
+  // Pixel centres line up: 0 | 255 doubled is 0, 64, 191, 255.
+  PixelBufferRef edge = flatBGRA(2, 2, {});
+  std::memset(edge->bgraAt(1, 0), 255, 4);
+  std::memset(edge->bgraAt(1, 1), 255, 4);
+  PixelBufferRef wide = PixelBuffer::make(PixelFormat::bgra, 4, 3);
+  ASSERT_TRUE(scaleBGRA(*edge, *wide));
+  for (int x = 0; x < 4; ++x) EXPECT_EQ(at(*wide, x, 2)[1], (std::array{0, 64, 191, 255})[x]);
+}
+
+TEST(PixelConvert, MisfitsWriteNothing) {
+  PixelBufferRef bgra = flatBGRA(4, 2, {0xab, 0xab, 0xab, 0xab});
+  PixelBufferRef odd = flatBGRA(3, 2, {0xab, 0xab, 0xab, 0xab});
+  PixelBufferRef i420 = PixelBuffer::make(PixelFormat::i420, 4, 4);
+  PixelBufferRef nv12 = PixelBuffer::make(PixelFormat::nv12, 4, 4);
+  fillPlane(*nv12, 0, 0xab);
+  EXPECT_FALSE(i420ToBGRA(*i420, *bgra));  // size
+  EXPECT_FALSE(nv12ToBGRA(*i420, *bgra));  // format
+  EXPECT_FALSE(bgraToNV12(*bgra, *nv12));
+  EXPECT_FALSE(bgraToI420(*nv12, *i420));
+  EXPECT_FALSE(i420ToNV12(*nv12, *nv12));
+  EXPECT_FALSE(scaleBGRA(*bgra, *bgra));
+  EXPECT_FALSE(scaleBGRA(*nv12, *bgra));
+  EXPECT_FALSE(rotateBGRA(*bgra, *odd, 90));
+  EXPECT_FALSE(rotateBGRA(*odd, *bgra, 45));
+  EXPECT_FALSE(rotateBGRA(*bgra, *bgra, 180));
+  EXPECT_EQ(at(*bgra, 3, 1), (Bgra{0xab, 0xab, 0xab, 0xab}));
+  EXPECT_EQ(at(*odd, 2, 1), (Bgra{0xab, 0xab, 0xab, 0xab}));
+  EXPECT_EQ(nv12->data(0)[3 * nv12->stride(0) + 3], 0xab);
+}
+
+}  // namespace
+}  // namespace qvn

@@ -26,7 +26,7 @@ StudioHubs StudioHubs::notYetAvailable() {
   return StudioHubs{
       .signaling = std::make_shared<SignalingServerNotYetAvailable>(),
       .mix = std::make_shared<MixEngineNotYetAvailable>(),
-      .frames = std::make_shared<FrameHubNotYetAvailable>(),
+      .frames = std::make_shared<FrameHub>(),
       .localCapture = std::make_shared<LocalCaptureHubNotYetAvailable>(),
       .media = std::make_shared<MediaSourceHubNotYetAvailable>(),
       .screenCapture = std::make_shared<ScreenCaptureHubNotYetAvailable>(),

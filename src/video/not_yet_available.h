@@ -1,8 +1,7 @@
-// Stand-ins for video hubs that are not built yet: they accept every call and do nothing,
+// Stand-ins for the video hubs that are not built yet: they accept every call and do nothing,
 // so the studio starts and runs its whole order without them.
 #pragma once
 
-#include "video/frame_hub.h"
 #include "video/mix_engine.h"
 
 namespace qvn {
@@ -15,12 +14,6 @@ class MixEngineNotYetAvailable final : public MixEngine {
   void setTransitionDuration(double) override {}
   void clearIf(int, std::vector<int>) override {}
   void setImageCrop(int, ImageCrop, bool) override {}
-};
-
-class FrameHubNotYetAvailable final : public FrameHub {
- public:
-  bool hasFrame(int) const override { return false; }
-  void clear(int) override {}
 };
 
 }  // namespace qvn

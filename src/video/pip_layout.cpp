@@ -19,6 +19,36 @@ QvnPiPLayout QvnPiPLayout::clamped() const {
   return out;
 }
 
+double sourceAspect(int width, int height) {
+  if (width > 1 && height > 1) return static_cast<double>(width) / height;
+  return 16.0 / 9.0;
+}
+
+NormRect QvnPiPLayout::rect(int canvasWidth, int canvasHeight, double sourceAspect) const {
+  double shape = 16.0 / 9.0;
+  switch (aspect) {
+    case QvnPiPAspect::source:
+      // A degenerate source shape would make the inset absurdly tall; very thin ones are
+      // held at 1:20.
+      if (sourceAspect > 0.01) shape = std::max(sourceAspect, 0.05);
+      break;
+    case QvnPiPAspect::wide:
+      break;
+    case QvnPiPAspect::classic:
+      shape = 4.0 / 3.0;
+      break;
+    case QvnPiPAspect::square:
+      shape = 1.0;
+      break;
+    case QvnPiPAspect::vertical:
+      shape = 9.0 / 16.0;
+      break;
+  }
+  const double w = width;
+  const double h = static_cast<double>(canvasWidth) * w / shape / std::max(canvasHeight, 1);
+  return {x - w / 2, y - h / 2, w, h};
+}
+
 QvnPiPLayout QvnPiPLayout::inCorner(PiPCorner corner) {
   QvnPiPLayout layout;
   const bool left = corner == PiPCorner::topLeft || corner == PiPCorner::bottomLeft;

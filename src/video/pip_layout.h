@@ -15,6 +15,19 @@ namespace qvn {
 enum class QvnPiPAspect { source, wide, classic, square, vertical };
 enum class PiPCorner { topLeft, topRight, bottomLeft, bottomRight };
 
+// A rectangle in fractions of the canvas, y down.
+struct NormRect {
+  double x = 0;
+  double y = 0;
+  double width = 0;
+  double height = 0;
+  bool operator==(const NormRect&) const = default;
+};
+
+// Width over height of a source picture; 16:9 for a source without a usable size (either
+// side 1 or less).
+double sourceAspect(int width, int height);
+
 struct QvnPiPLayout {
   double x = 0.84;  // centre, fraction of canvas width
   double y = 0.79;  // centre, fraction of canvas height (y down)
@@ -33,6 +46,9 @@ struct QvnPiPLayout {
   double panY = 0;
 
   QvnPiPLayout clamped() const;
+  // Where the inset lands on a canvas of that many pixels. `sourceAspect` is the slot's own
+  // shape, used for `QvnPiPAspect::source`; 0.01 or less means unknown and counts as 16:9.
+  NormRect rect(int canvasWidth, int canvasHeight, double sourceAspect) const;
   // The default inset placed in a corner of the canvas.
   static QvnPiPLayout inCorner(PiPCorner corner);
 

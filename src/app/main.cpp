@@ -111,7 +111,7 @@ int main(int argc, char** argv) {
   qvn::LoopMainQueue main;
   qvn::Defaults settings(qvn::appPaths().settingsFile());
   auto lifecycle = std::make_shared<qvn::ManualAppLifecycle>();
-  auto hubs = qvn::StudioHubs::notYetAvailable();
+  auto hubs = qvn::StudioHubs::make();
   hubs.sleep = qvn::makeLogindSleepWatcher();
   hubs.stayAwake = qvn::makeLogindStayAwake();
   hubs.lifecycle = lifecycle;

@@ -3,7 +3,7 @@
 #include "audio/not_yet_available.h"
 #include "inputs/not_yet_available.h"
 #include "outputs/not_yet_available.h"
-#include "video/not_yet_available.h"
+#include "video/mix_engine.h"
 
 namespace qvn {
 
@@ -22,11 +22,12 @@ class StayAwakeNotYetAvailable final : public StayAwake {
 
 }  // namespace
 
-StudioHubs StudioHubs::notYetAvailable() {
+StudioHubs StudioHubs::make() {
+  auto frames = std::make_shared<FrameHub>();
   return StudioHubs{
       .signaling = std::make_shared<SignalingServerNotYetAvailable>(),
-      .mix = std::make_shared<MixEngineNotYetAvailable>(),
-      .frames = std::make_shared<FrameHub>(),
+      .mix = MixEngine::make(frames),
+      .frames = frames,
       .localCapture = std::make_shared<LocalCaptureHubNotYetAvailable>(),
       .media = std::make_shared<MediaSourceHubNotYetAvailable>(),
       .screenCapture = std::make_shared<ScreenCaptureHubNotYetAvailable>(),

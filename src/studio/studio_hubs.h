@@ -14,13 +14,13 @@
 #include "platform/app.h"
 #include "support/support_services.h"
 #include "video/frame_hub.h"
-#include "video/mix_engine.h"
+#include "video/mix_control.h"
 
 namespace qvn {
 
 struct StudioHubs {
   std::shared_ptr<SignalingServer> signaling;
-  std::shared_ptr<MixEngine> mix;
+  std::shared_ptr<MixControl> mix;  // the MixEngine, reading pictures from `frames`
   std::shared_ptr<FrameHub> frames;
   std::shared_ptr<LocalCaptureHub> localCapture;
   std::shared_ptr<MediaSourceHub> media;
@@ -48,9 +48,9 @@ struct StudioHubs {
   std::shared_ptr<StayAwake> stayAwake;
   std::shared_ptr<AppLifecycle> lifecycle;
 
-  // Every hub by its stand-in, for the parts of the studio that are not built yet.
-  // The app swaps in each real hub as it exists.
-  static StudioHubs notYetAvailable();
+  // The process's hubs: the real ones that exist, and for the parts of the studio that are
+  // not built yet their stand-ins. The app swaps in what only it can make.
+  static StudioHubs make();
 };
 
 }  // namespace qvn

@@ -1,31 +1,111 @@
-// The compositor as the studio drives it: Program and Preview, the canvas, transitions.
-// The mix runs on its own queue ("io.quorvane.camera.mix"); every operation here only posts
-// to it and returns, and callbacks come from that queue.
+// The compositor. It owns Program and Preview, runs one clock of 30 ticks a second on its own
+// queue ("io.quorvane.camera.mix"), and on each tick builds each bus's picture from the
+// newest pictures in the frame hub into a ring of three canvases: a reader of a Program
+// picture has the tick that delivered it and the two after it before it is drawn over.
+//
+// Every setter posts a job to the mix queue and returns at once; effects apply in call order.
+// The bus callbacks are called on the mix queue; the studio hops them to the main thread.
 #pragma once
 
-#include <functional>
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
 #include <vector>
 
-#include "video/mix_types.h"
+#include "platform/dispatch.h"
+#include "platform/pixel_buffer.h"
+#include "video/bus_composer.h"
+#include "video/canvas_painter.h"
+#include "video/frame_hub.h"
+#include "video/mix_control.h"
+#include "video/pip_layout.h"
 
 namespace qvn {
 
-class MixEngine {
+class MixEngine final : public MixControl, public std::enable_shared_from_this<MixEngine> {
  public:
-  virtual ~MixEngine() = default;
+  static constexpr double kTicksPerSecond = 30;
+  static constexpr int kRingSize = 3;
+  static constexpr int kStatsEveryTicks = 90;
 
-  // Callback properties, set once while the studio is built; called on the mix queue.
-  std::function<void(bool dissolving)> onDissolve;
-  std::function<void(int program, int preview)> onBusChanged;
+  enum class Bus { program, preview, both };
 
-  virtual void start() = 0;
-  virtual void setFill(bool fill) = 0;
-  virtual void setCanvas(int width, int height) = 0;
-  virtual void setTransitionDuration(double seconds) = 0;
-  // A source left `slot`: Program cuts to the first of `live` (ascending), or both buses
-  // go to 0 when nothing is live; a Preview on the slot follows Program.
-  virtual void clearIf(int slot, std::vector<int> live) = 0;
-  virtual void setImageCrop(int slot, ImageCrop crop, bool snap) = 0;
+  static std::shared_ptr<MixEngine> make(std::shared_ptr<FrameHub> frames);
+  ~MixEngine() override;
+
+  // The canvas size, readable from any thread; the mix queue writes it.
+  static int canvasWidth();
+  static int canvasHeight();
+
+  // ---- MixControl
+  void start() override;
+  void setFill(bool fill) override;
+  void setCanvas(int width, int height) override;
+  void setTransitionDuration(double seconds) override;
+  void clearIf(int slot, std::vector<int> live) override;
+  void setImageCrop(int slot, ImageCrop crop, bool snap) override;
+
+  void setHoldPreview(bool on);
+  void setPreviewVisible(bool on);
+  void setPreviewFullSize(bool on);
+  void setPreview(int slot);
+  void setPiP(bool on, int slot, const QvnPiPLayout& layout, Bus bus);
+  // Program goes straight to an input; nothing for a slot below 1.
+  void switchTo(int slot, MixTransition kind);
+  // Preview's source and look go to Program; with `swap`, the old Program goes to Preview.
+  void takePreview(MixTransition kind, bool swap);
+  // A picture arrived on an input: the first input to deliver one goes to Program by itself.
+  // Any thread; costs one atomic read while Program is occupied.
+  void noteIncoming(int slot);
+  int programSlotMirror() const { return programMirror_.load(std::memory_order_acquire); }
+
+  // The queue everything runs on; tests post to it to wait for the engine.
+  SerialQueue& queue() { return *queue_; }
+
+ private:
+  explicit MixEngine(std::shared_ptr<FrameHub> frames);
+  template <class F>
+  void post(F job);
+  void tick();
+  void emitProgram();
+  void emitPreview();
+  void beginTransition(int from, const BusLook& look, MixTransition kind);
+  void reportBuses(std::optional<bool> dissolve);
+  void makeRing();
+  void recordTickTime(double milliseconds);
+
+  std::shared_ptr<FrameHub> frames_;
+  std::unique_ptr<SerialQueue> queue_;
+  RepeatingTimer timer_;
+
+  // Mix queue state.
+  std::vector<CanvasPainter> canvases_;
+  int canvasIndex_ = 0;
+  std::unique_ptr<CanvasPainter> blendScratch_;  // the incoming side of a transition
+  PixelBufferRef standby_;
+  bool running_ = false;
+  BusComposer composer_;
+  BusLook programLook_, previewLook_, fromLook_;
+  int programSlot_ = 0;
+  int previewSlot_ = 0;
+  bool dissolving_ = false;
+  MixTransition dissolveKind_ = MixTransition::instant;
+  int dissolveFrom_ = 0;
+  double dissolveStart_ = 0;
+  double dissolveSeconds_ = 0.4;
+  double transitionSeconds_ = 0.55;
+  bool holdPreview_ = false;
+  bool previewVisible_ = false;
+  bool previewFullSize_ = false;
+  std::vector<CanvasPainter> previewCanvases_;
+  int previewCanvasIndex_ = 0;
+  bool previewBlankSent_ = false;
+
+  std::atomic<int> programMirror_{0};
+  std::mutex tickMsLock_;
+  std::vector<double> tickMs_;
+  long tickCount_ = 0;
 };
 
 }  // namespace qvn

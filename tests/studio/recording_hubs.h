@@ -78,7 +78,7 @@ struct RecSignaling final : SignalingServer, Recorder {
   std::optional<std::string> start() override { return t("signaling.start"), startError; }
 };
 
-struct RecMix final : MixEngine, Recorder {
+struct RecMix final : MixControl, Recorder {
   using Recorder::Recorder;
   void start() override { t("mix.start"); }
   void setFill(bool fill) override { t("mix.setFill", fill); }

@@ -1,0 +1,38 @@
+// Draws onto one BGRA canvas: fills, and pictures scaled into place, over what is there.
+// The canvas keeps its pixman wrapper for its whole life; the thread that draws owns it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "platform/pixel_buffer.h"
+#include "video/mix_geometry.h"
+#include "video/overlay_rgba.h"
+
+namespace qvn {
+
+class CanvasPainter {
+ public:
+  explicit CanvasPainter(PixelBufferRef canvas);
+  ~CanvasPainter();
+  CanvasPainter(CanvasPainter&&) noexcept;
+  CanvasPainter& operator=(CanvasPainter&&) noexcept;
+
+  const PixelBufferRef& canvas() const { return canvas_; }
+
+  void fill(const OverlayRGBA& color);
+  // Draws a BGRA picture scaled and placed, limited to `clip`, over the canvas. An opaque
+  // picture's alpha bytes are ignored, which lets the scaler take its fastest path.
+  void draw(const PixelBuffer& picture, const Placement& placement, const PixelRect& clip,
+            bool opaque);
+  // Lays another canvas of the same size over this one: at `alpha` (a fade), or shifted
+  // right by `offsetX` pixels (a slide).
+  void blendOver(const CanvasPainter& other, double alpha, int offsetX = 0);
+
+ private:
+  struct Image;
+  PixelBufferRef canvas_;
+  std::unique_ptr<Image> image_;
+};
+
+}  // namespace qvn

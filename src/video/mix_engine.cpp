@@ -1,0 +1,303 @@
+#include "video/mix_engine.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <thread>
+
+#include "support/qvn_log.h"
+#include "video/standby_picture.h"
+
+namespace qvn {
+
+namespace {
+
+std::atomic<int> gCanvasWidth{1920};
+std::atomic<int> gCanvasHeight{1080};
+
+std::string sizeText(int width, int height) {
+  return std::to_string(width) + "×" + std::to_string(height);
+}
+
+std::vector<CanvasPainter> makeCanvases(int width, int height) {
+  std::vector<CanvasPainter> ring;
+  for (int i = 0; i < MixEngine::kRingSize; ++i)
+    if (auto buffer = PixelBuffer::make(PixelFormat::bgra, width, height))
+      ring.emplace_back(std::move(buffer));  // a failed place just makes the ring shorter
+  return ring;
+}
+
+}  // namespace
+
+std::shared_ptr<MixEngine> MixEngine::make(std::shared_ptr<FrameHub> frames) {
+  return std::shared_ptr<MixEngine>(new MixEngine(std::move(frames)));
+}
+
+MixEngine::MixEngine(std::shared_ptr<FrameHub> frames)
+    : frames_(frames),
+      queue_(std::make_unique<SerialQueue>("io.quorvane.camera.mix",
+                                           QueuePriority::userInteractive)),
+      composer_(std::move(frames)) {}
+
+MixEngine::~MixEngine() {
+  timer_.cancel();
+  // Jobs hold the engine only while they run, so the last reference may go inside one; a
+  // queue can't join its own thread, so then it is let go from a thread of its own.
+  if (queue_->isCurrent())
+    std::thread([queue = std::move(queue_)]() mutable { queue.reset(); }).detach();
+}
+
+int MixEngine::canvasWidth() {
+  return gCanvasWidth.load(std::memory_order_relaxed);
+}
+int MixEngine::canvasHeight() {
+  return gCanvasHeight.load(std::memory_order_relaxed);
+}
+
+template <class F>
+void MixEngine::post(F job) {
+  queue_->async([weak = weak_from_this(), job = std::move(job)]() mutable {
+    if (auto self = weak.lock()) job(*self);
+  });
+}
+
+// ---- Setters ------------------------------------------------------------------------------
+
+void MixEngine::start() {
+  post([](MixEngine& m) {
+    if (m.running_) return;
+    m.running_ = true;
+    m.makeRing();
+    m.timer_ = RepeatingTimer(*m.queue_, 1.0 / kTicksPerSecond, [weak = m.weak_from_this()] {
+      if (auto self = weak.lock()) self->tick();
+    });
+    QvnLog::line("mix start " + sizeText(canvasWidth(), canvasHeight()));
+    m.tick();  // the first picture goes out now, not a tick later
+  });
+}
+
+void MixEngine::setCanvas(int width, int height) {
+  post([width, height](MixEngine& m) {
+    const bool changed = width != canvasWidth() || height != canvasHeight();
+    gCanvasWidth = width;
+    gCanvasHeight = height;
+    if (m.running_ && changed) {
+      m.makeRing();
+      m.previewCanvases_.clear();
+    }
+    QvnLog::line("mix canvas " + sizeText(width, height));
+  });
+}
+
+void MixEngine::makeRing() {
+  canvases_ = makeCanvases(canvasWidth(), canvasHeight());
+  canvasIndex_ = 0;
+  blendScratch_.reset();
+  if (auto scratch = PixelBuffer::make(PixelFormat::bgra, canvasWidth(), canvasHeight()))
+    blendScratch_ = std::make_unique<CanvasPainter>(std::move(scratch));
+  standby_ = makeStandbyPicture(canvasWidth(), canvasHeight());
+}
+
+void MixEngine::setFill(bool fill) {
+  post([fill](MixEngine& m) { m.composer_.setFill(fill); });
+}
+
+void MixEngine::setTransitionDuration(double seconds) {
+  const double clamped = std::clamp(seconds, 0.1, 5.0);
+  post([clamped](MixEngine& m) { m.transitionSeconds_ = clamped; });
+}
+
+void MixEngine::setImageCrop(int slot, ImageCrop crop, bool) {
+  post([slot, crop](MixEngine& m) { m.composer_.setCrop(slot, crop); });
+}
+
+void MixEngine::setHoldPreview(bool on) {
+  post([on](MixEngine& m) { m.holdPreview_ = on; });
+}
+
+void MixEngine::setPreviewVisible(bool on) {
+  post([on](MixEngine& m) { m.previewVisible_ = on; });
+}
+
+void MixEngine::setPreviewFullSize(bool on) {
+  post([on](MixEngine& m) {
+    if (m.previewFullSize_ == on) return;
+    m.previewFullSize_ = on;
+    m.previewCanvases_.clear();
+    m.previewBlankSent_ = false;
+  });
+}
+
+void MixEngine::setPreview(int slot) {
+  post([slot](MixEngine& m) {
+    m.previewSlot_ = slot;
+    m.reportBuses(std::nullopt);
+  });
+}
+
+void MixEngine::setPiP(bool on, int slot, const QvnPiPLayout& layout, Bus bus) {
+  post([=](MixEngine& m) {
+    for (BusLook* look : {&m.programLook_, &m.previewLook_}) {
+      if ((bus == Bus::program && look != &m.programLook_) ||
+          (bus == Bus::preview && look != &m.previewLook_))
+        continue;
+      look->pipOn = on;
+      look->pipSlot = slot;
+      look->pipLayout = layout;
+    }
+  });
+}
+
+// ---- Switching ------------------------------------------------------------------------------
+
+void MixEngine::switchTo(int slot, MixTransition kind) {
+  if (slot < 1) return;
+  post([slot, kind](MixEngine& m) {
+    const int from = m.programSlot_;
+    const BusLook look = m.programLook_;
+    m.programSlot_ = slot;
+    m.programMirror_ = slot;
+    if (!m.holdPreview_) m.previewSlot_ = slot;
+    m.beginTransition(from, look, kind);
+  });
+}
+
+void MixEngine::takePreview(MixTransition kind, bool swap) {
+  post([kind, swap](MixEngine& m) {
+    if (m.previewSlot_ < 1) return;
+    const int from = m.programSlot_;
+    const BusLook look = m.programLook_;
+    m.programSlot_ = m.previewSlot_;
+    m.programMirror_ = m.programSlot_;
+    m.programLook_ = m.previewLook_;
+    if (swap && from >= 1 && from != m.programSlot_) m.previewSlot_ = from;
+    m.beginTransition(from, look, kind);
+  });
+}
+
+void MixEngine::beginTransition(int from, const BusLook& look, MixTransition kind) {
+  if (kind == MixTransition::instant || from == 0) {
+    dissolving_ = false;
+    emitProgram();  // the cut lands now, not at the next tick
+    reportBuses(false);
+    return;
+  }
+  dissolveKind_ = kind;
+  dissolveFrom_ = from;
+  fromLook_ = look;
+  dissolveSeconds_ = transitionSeconds_;
+  dissolveStart_ = mediaTime();
+  dissolving_ = true;
+  reportBuses(true);
+}
+
+void MixEngine::reportBuses(std::optional<bool> dissolve) {
+  if (dissolve && onDissolve) onDissolve(*dissolve);
+  if (onBusChanged) onBusChanged(programSlot_, previewSlot_);
+}
+
+void MixEngine::clearIf(int slot, std::vector<int> live) {
+  post([slot, live = std::move(live)](MixEngine& m) {
+    if (slot == m.programSlot_) {
+      if (!live.empty()) {
+        m.switchTo(live.front(), MixTransition::instant);
+        return;
+      }
+      m.programSlot_ = 0;
+      m.programMirror_ = 0;
+      m.previewSlot_ = 0;
+      if (m.dissolving_) {
+        m.dissolving_ = false;
+        m.fromLook_ = {};
+      }
+      m.reportBuses(std::nullopt);
+    } else if (slot == m.previewSlot_) {
+      m.previewSlot_ = m.programSlot_;
+      m.reportBuses(std::nullopt);
+    }
+  });
+}
+
+void MixEngine::noteIncoming(int slot) {
+  if (slot < 1 || programSlotMirror() != 0) return;
+  post([slot](MixEngine& m) {
+    if (m.programSlot_ == 0) m.switchTo(slot, MixTransition::instant);
+  });
+}
+
+// ---- The tick --------------------------------------------------------------------------------
+
+void MixEngine::tick() {
+  const double t0 = mediaTime();
+  emitProgram();
+  if (previewVisible_) emitPreview();
+  recordTickTime((mediaTime() - t0) * 1000.0);
+}
+
+void MixEngine::recordTickTime(double milliseconds) {
+  std::vector<double> sorted;
+  {
+    std::lock_guard lock(tickMsLock_);
+    tickMs_.push_back(milliseconds);
+    if (++tickCount_ % kStatsEveryTicks != 0) return;
+    sorted.swap(tickMs_);
+    tickMs_.reserve(kStatsEveryTicks);
+  }
+  std::sort(sorted.begin(), sorted.end());
+  const size_t n = sorted.size();
+  double sum = 0;
+  for (double ms : sorted) sum += ms;
+  char line[160];
+  std::snprintf(line, sizeof line, "mix tick 3s n=%d avg=%.2fms p50=%.2fms p95=%.2fms max=%.2fms",
+                int(n), sum / n, sorted[n / 2], sorted[std::min(n * 95 / 100, n - 1)],
+                sorted[n - 1]);
+  QvnLog::line(line);
+}
+
+void MixEngine::emitProgram() {
+  if (programSlot_ < 1 && !dissolving_) {
+    // Recorder, publisher and screens always have a picture, 30 times a second.
+    if (standby_) frames_->ingestMix(standby_);
+    return;
+  }
+  if (canvases_.empty()) return;
+  canvasIndex_ = (canvasIndex_ + 1) % int(canvases_.size());
+  CanvasPainter& target = canvases_[canvasIndex_];
+
+  if (dissolving_) {
+    const double p = std::min((mediaTime() - dissolveStart_) / dissolveSeconds_, 1.0);
+    if (p < 1 && blendScratch_) {
+      composer_.compose(target, dissolveFrom_, fromLook_);
+      composer_.compose(*blendScratch_, programSlot_, programLook_);
+      if (dissolveKind_ == MixTransition::slide)
+        target.blendOver(*blendScratch_, 1.0, int((1 - p) * canvasWidth()));
+      else
+        target.blendOver(*blendScratch_, p);
+    } else {
+      composer_.compose(target, programSlot_, programLook_);
+      dissolving_ = false;
+      fromLook_ = {};
+      if (onDissolve) onDissolve(false);
+    }
+  } else {
+    composer_.compose(target, programSlot_, programLook_);
+  }
+  frames_->ingestMix(target.canvas());
+}
+
+void MixEngine::emitPreview() {
+  const PixelSize size = previewSize(canvasWidth(), canvasHeight(), previewFullSize_);
+  if (previewCanvases_.empty()) {
+    previewCanvases_ = makeCanvases(size.width, size.height);
+    previewBlankSent_ = false;
+    if (previewCanvases_.empty()) return;
+  }
+  // A Preview without a source is sent once, not at every tick.
+  if (previewSlot_ == 0 && previewBlankSent_) return;
+  previewBlankSent_ = previewSlot_ == 0;
+  previewCanvasIndex_ = (previewCanvasIndex_ + 1) % int(previewCanvases_.size());
+  CanvasPainter& target = previewCanvases_[previewCanvasIndex_];
+  composer_.compose(target, previewSlot_, previewLook_);
+  frames_->store(FrameHub::kPreviewSlot, target.canvas());
+}
+
+}  // namespace qvn

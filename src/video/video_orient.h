@@ -1,0 +1,23 @@
+// Turns a decoded picture upright and bounds its size, so screens and the mix get a BGRA
+// buffer of the studio's own whatever the decoder handed over.
+#pragma once
+
+#include <optional>
+
+#include "platform/pixel_buffer.h"
+
+namespace qvn::QvnVideoOrient {
+
+// `rotation` is the decoder's rotation tag in degrees: the picture shows upright once it is
+// turned that far clockwise, so 90, 180 and 270 turn it clockwise by that angle; any other
+// value turns nothing. With `maxLongEdge`, a picture whose longer side exceeds it is scaled
+// down uniformly to that side; sizes are rounded to the nearest pixel.
+//
+// Takes BGRA, NV12 or I420 and always renders into a new BGRA buffer, also when nothing
+// turns or shrinks. Returns the input itself when the result would be under 2 pixels on a
+// side or no buffer can be made. Any thread; allocates the result and, for YUV, rotation
+// or scaling, one or two buffers in between.
+PixelBufferRef orient(const PixelBufferRef& buffer, int rotation,
+                      std::optional<int> maxLongEdge = std::nullopt);
+
+}  // namespace qvn::QvnVideoOrient

@@ -34,8 +34,8 @@ std::shared_ptr<MixEngine> MixEngine::make(std::shared_ptr<FrameHub> frames) {
 
 MixEngine::MixEngine(std::shared_ptr<FrameHub> frames)
     : frames_(frames),
-      queue_(std::make_unique<SerialQueue>("io.quorvane.camera.mix",
-                                           QueuePriority::userInteractive)),
+      queue_(
+          std::make_unique<SerialQueue>("io.quorvane.camera.mix", QueuePriority::userInteractive)),
       composer_(std::move(frames)) {}
 
 MixEngine::~MixEngine() {

@@ -151,14 +151,16 @@ void MixEngine::setPiP(bool on, int slot, const QvnPiPLayout& layout, Bus bus) {
 
 void MixEngine::switchTo(int slot, MixTransition kind) {
   if (slot < 1) return;
-  post([slot, kind](MixEngine& m) {
-    const int from = m.programSlot_;
-    const BusLook look = m.programLook_;
-    m.programSlot_ = slot;
-    m.programMirror_ = slot;
-    if (!m.holdPreview_) m.previewSlot_ = slot;
-    m.beginTransition(from, look, kind);
-  });
+  post([slot, kind](MixEngine& m) { m.switchNow(slot, kind); });
+}
+
+void MixEngine::switchNow(int slot, MixTransition kind) {
+  const int from = programSlot_;
+  const BusLook look = programLook_;
+  programSlot_ = slot;
+  programMirror_ = slot;
+  if (!holdPreview_) previewSlot_ = slot;
+  beginTransition(from, look, kind);
 }
 
 void MixEngine::takePreview(MixTransition kind, bool swap) {
@@ -199,7 +201,7 @@ void MixEngine::clearIf(int slot, std::vector<int> live) {
   post([slot, live = std::move(live)](MixEngine& m) {
     if (slot == m.programSlot_) {
       if (!live.empty()) {
-        m.switchTo(live.front(), MixTransition::instant);
+        if (live.front() >= 1) m.switchNow(live.front(), MixTransition::instant);
         return;
       }
       m.programSlot_ = 0;
@@ -220,7 +222,7 @@ void MixEngine::clearIf(int slot, std::vector<int> live) {
 void MixEngine::noteIncoming(int slot) {
   if (slot < 1 || programSlotMirror() != 0) return;
   post([slot](MixEngine& m) {
-    if (m.programSlot_ == 0) m.switchTo(slot, MixTransition::instant);
+    if (m.programSlot_ == 0) m.switchNow(slot, MixTransition::instant);
   });
 }
 

@@ -70,6 +70,9 @@ class MixEngine final : public MixControl, public std::enable_shared_from_this<M
   void tick();
   void emitProgram();
   void emitPreview();
+  // switchTo's work, on the queue: a job that decides to switch does it in place, so no job
+  // queued behind it sees the old Program.
+  void switchNow(int slot, MixTransition kind);
   void beginTransition(int from, const BusLook& look, MixTransition kind);
   void reportBuses(std::optional<bool> dissolve);
   void makeRing();

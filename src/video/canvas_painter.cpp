@@ -3,6 +3,7 @@
 #include <pixman.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 namespace qvn {
@@ -24,10 +25,46 @@ pixman_color_t premultiplied(const OverlayRGBA& c) {
 
 }  // namespace
 
+// The canvas's own wrapper, the wrappers of the pictures drawn lately, and a one-pixel
+// mask whose alpha a fade rewrites: pictures come back from their pools tick after tick, so
+// after warm-up drawing creates no pixman objects at all.
 struct CanvasPainter::Image {
+  struct Source {
+    const std::uint8_t* data = nullptr;
+    int width = 0, height = 0, stride = 0;
+    bool opaque = false;
+    pixman_image_t* image = nullptr;
+  };
+  static constexpr size_t kSources = 8;
+
   pixman_image_t* image = nullptr;
+  pixman_image_t* fadeMask = nullptr;
+  std::uint32_t fadeAlpha = 0;
+  std::array<Source, kSources> sources{};
+  size_t nextSource = 0;
+
   ~Image() {
+    for (auto& s : sources)
+      if (s.image) pixman_image_unref(s.image);
+    if (fadeMask) pixman_image_unref(fadeMask);
     if (image) pixman_image_unref(image);
+  }
+
+  // A wrapper is only reused for the same memory with the same layout, which is then the
+  // memory of a picture alive right now.
+  pixman_image_t* source(const PixelBuffer& picture, bool opaque) {
+    for (auto& s : sources)
+      if (s.image && s.data == picture.data() && s.width == picture.width() &&
+          s.height == picture.height() && s.stride == picture.stride() && s.opaque == opaque)
+        return s.image;
+    pixman_image_t* made = wrap(picture, opaque);
+    if (!made) return nullptr;
+    // Edge pixels repeat outward, so a scaled picture's border doesn't fade into the canvas.
+    pixman_image_set_repeat(made, PIXMAN_REPEAT_PAD);
+    Source& slot = sources[nextSource++ % kSources];
+    if (slot.image) pixman_image_unref(slot.image);
+    slot = {picture.data(), picture.width(), picture.height(), picture.stride(), opaque, made};
+    return made;
   }
 };
 
@@ -60,7 +97,7 @@ void CanvasPainter::draw(const PixelBuffer& picture, const Placement& placement,
   const int x1 = static_cast<int>(std::lround(right)), y1 = static_cast<int>(std::lround(bottom));
   if (x1 <= x0 || y1 <= y0) return;
 
-  pixman_image_t* source = wrap(picture, opaque);
+  pixman_image_t* source = image_->source(picture, opaque);
   if (!source) return;
   // Destination pixel (x, y) samples the picture at ((x - px) / s, (y - py) / s).
   const double inv = 1.0 / placement.scale;
@@ -76,11 +113,8 @@ void CanvasPainter::draw(const PixelBuffer& picture, const Placement& placement,
                         placement.y == std::floor(placement.y);
   pixman_image_set_filter(source, unscaled ? PIXMAN_FILTER_NEAREST : PIXMAN_FILTER_BILINEAR,
                           nullptr, 0);
-  // Edge pixels repeat outward, so a scaled picture's border doesn't fade into the canvas.
-  pixman_image_set_repeat(source, PIXMAN_REPEAT_PAD);
   pixman_image_composite32(opaque ? PIXMAN_OP_SRC : PIXMAN_OP_OVER, source, nullptr, image_->image,
                            x0, y0, 0, 0, x0, y0, x1 - x0, y1 - y0);
-  pixman_image_unref(source);
 }
 
 void CanvasPainter::blendOver(const CanvasPainter& other, double alpha, int offsetX) {
@@ -88,12 +122,16 @@ void CanvasPainter::blendOver(const CanvasPainter& other, double alpha, int offs
   if (width <= 0 || alpha <= 0) return;
   pixman_image_t* mask = nullptr;
   if (alpha < 1) {
-    const pixman_color_t a{0, 0, 0, static_cast<uint16_t>(std::lround(alpha * 0xffff))};
-    mask = pixman_image_create_solid_fill(&a);
+    if (!image_->fadeMask) {
+      image_->fadeMask =
+          pixman_image_create_bits(PIXMAN_a8r8g8b8, 1, 1, &image_->fadeAlpha, sizeof(uint32_t));
+      pixman_image_set_repeat(image_->fadeMask, PIXMAN_REPEAT_NORMAL);
+    }
+    image_->fadeAlpha = static_cast<uint32_t>(std::lround(alpha * 255)) << 24;
+    mask = image_->fadeMask;
   }
   pixman_image_composite32(PIXMAN_OP_OVER, other.image_->image, mask, image_->image, 0, 0, 0, 0,
                            std::max(offsetX, 0), 0, width, canvas_->height());
-  if (mask) pixman_image_unref(mask);
 }
 
 }  // namespace qvn

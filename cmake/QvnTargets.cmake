@@ -54,8 +54,11 @@ function(qvn_fuzz name)
   qvn_warnings(${name})
   string(REPLACE "qvn-fuzz-" "" corpus ${name})
   string(REPLACE "-" "_" corpus ${corpus})
+  # New inputs go to a folder in the build tree; the seeds in the source tree stay as they are.
+  set(work ${CMAKE_CURRENT_BINARY_DIR}/corpus/${corpus})
+  file(MAKE_DIRECTORY ${work})
   add_test(NAME ${name} COMMAND ${name} -max_total_time=20 -max_len=4096
-           ${CMAKE_CURRENT_SOURCE_DIR}/corpus/${corpus})
+           ${work} ${CMAKE_CURRENT_SOURCE_DIR}/corpus/${corpus})
   set_tests_properties(${name} PROPERTIES LABELS fuzz)
   add_dependencies(qvn-fuzzers ${name})
 endfunction()

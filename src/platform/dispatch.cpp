@@ -23,13 +23,14 @@
 #include "platform/job_schedule.h"
 
 namespace qvn {
-namespace {
 
-double monotonicSeconds() {
+double monotonicTime() {
   timespec ts{};
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
+
+namespace {
 
 std::atomic<MediaTimeSource> gMediaTimeSource{nullptr};
 static_assert(std::atomic<MediaTimeSource>::is_always_lock_free,
@@ -55,7 +56,7 @@ void waitAtMost(std::condition_variable& cv, std::unique_lock<std::mutex>& lock,
 // queue's delayed work with it.
 class ClockedJobLoop {
  public:
-  double now() const { return monotonicSeconds(); }
+  double now() const { return monotonicTime(); }
 
   // False once stopped; the job is then left with the caller to destroy outside the lock.
   bool post(double delaySeconds, Job& job) {
@@ -167,7 +168,7 @@ void lowerThreadPriority(QueuePriority priority) {
 
 double mediaTime() {
   if (MediaTimeSource source = gMediaTimeSource.load(std::memory_order_acquire)) return source();
-  return monotonicSeconds();
+  return monotonicTime();
 }
 
 void setMediaTimeSource(MediaTimeSource source) {

@@ -16,6 +16,10 @@ namespace qvn {
 
 using Job = std::function<void()>;
 
+// The monotonic clock in seconds, never overridden: what queues measure delays against, so a
+// test that freezes the media clock doesn't freeze every queue's delayed work with it.
+double monotonicTime();
+
 // Monotonic seconds since an arbitrary origin: the clock of all frame and audio timing.
 // Lock-free and safe on real-time threads.
 double mediaTime();

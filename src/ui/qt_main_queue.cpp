@@ -17,13 +17,7 @@ struct QtMainQueue::State {
   QTimer timer;
   std::mutex mutex;
   detail::JobSchedule jobs;
-  double now() const { return monotonicSeconds(); }
-
-  static double monotonicSeconds() {
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return double(ts.tv_sec) + double(ts.tv_nsec) * 1e-9;
-  }
+  double now() const { return monotonicTime(); }
 
   // On the main thread: runs what is due, then sleeps the timer until the next job.
   void runDue() {

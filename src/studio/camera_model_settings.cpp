@@ -1,6 +1,7 @@
 // CameraModel: the settings it loads at start and saves after every change of a setting.
 #include <charconv>
 #include <sstream>
+#include <type_traits>
 
 #include "platform/defaults.h"
 #include "studio/camera_model.h"
@@ -47,6 +48,37 @@ SettingsValue textOf(E value) {
 // Levels are stored in single precision, as faders produce them.
 SettingsValue single(double value) {
   return static_cast<float>(value);
+}
+
+// Each reads one key into a property and leaves the property alone when the key is absent
+// or holds another type (or an unknown enumeration text).
+void load(const Defaults& s, const char* key, Observable<bool>& property) {
+  if (auto value = s.boolean(key)) property = *value;
+}
+void load(const Defaults& s, const char* key, Observable<double>& property) {
+  if (auto value = s.real(key)) property = *value;
+}
+void load(const Defaults& s, const char* key, Observable<int>& property) {
+  if (auto value = s.integer(key)) property = static_cast<int>(*value);
+}
+void load(const Defaults& s, const char* key, Observable<std::string>& property) {
+  if (auto value = s.text(key)) property = *value;
+}
+void load(const Defaults& s, const char* key, Observable<std::optional<std::string>>& property) {
+  if (auto value = s.text(key)) property = *value;
+}
+template <class E>
+requires std::is_enum_v<E>
+void load(const Defaults& s, const char* key, Observable<E>& property) {
+  if (auto text = s.text(key))
+    if (auto value = enumFromText<E>(*text)) property = *value;
+}
+
+// Values stored as JSON text in bytes.
+std::optional<std::string> bytesText(const Defaults& s, const char* key) {
+  auto bytes = s.bytes(key);
+  if (!bytes) return std::nullopt;
+  return std::string(bytes->begin(), bytes->end());
 }
 
 const char* yesNo(bool value) {
@@ -141,27 +173,11 @@ void CameraModel::saveSettings() {
 void CameraModel::loadSettings() {
   applyingSettings_ = true;
   auto& s = settings_;
-  auto readEnum = [&s]<class E>(const char* key, Observable<E>& property) {
-    if (auto text = s.text(key))
-      if (auto value = enumFromText<E>(*text)) property = *value;
-  };
-  auto readBool = [&s](const char* key, Observable<bool>& property) {
-    if (auto value = s.boolean(key)) property = *value;
-  };
-  auto readText = [&s](const char* key, Observable<std::optional<std::string>>& property) {
-    if (auto value = s.text(key)) property = *value;
-  };
-  auto bytesText = [&s](const char* key) -> std::optional<std::string> {
-    auto bytes = s.bytes(key);
-    if (!bytes) return std::nullopt;
-    return std::string(bytes->begin(), bytes->end());
-  };
-
   // 1
-  readBool("qvn.mixFill", mixFill);
-  readEnum("qvn.canvasSize", canvasSize);
-  readEnum("qvn.streamOutput", streamOutput);
-  readBool("qvn.inspectorCollapsed", inspectorCollapsed);
+  load(s, "qvn.mixFill", mixFill);
+  load(s, "qvn.canvasSize", canvasSize);
+  load(s, "qvn.streamOutput", streamOutput);
+  load(s, "qvn.inspectorCollapsed", inspectorCollapsed);
   if (auto text = s.text("qvn.panel")) {
     // The retired panels load as the inspector.
     auto value = enumFromText<StudioPanel>(*text);
@@ -169,10 +185,10 @@ void CameraModel::loadSettings() {
       value = StudioPanel::inspector;
     if (value) panel = *value;
   }
-  readText("qvn.workspace.currentID", currentWorkspaceID);
-  if (auto json = bytesText("qvn.recordOptions"))
+  load(s, "qvn.workspace.currentID", currentWorkspaceID);
+  if (auto json = bytesText(s, "qvn.recordOptions"))
     if (auto options = RecordOptions::fromJSON(*json)) recordOptions = *options;
-  readEnum("qvn.recordAudioChoice", recordAudioChoice);
+  load(s, "qvn.recordAudioChoice", recordAudioChoice);
   // 2
   const auto canvas = canvasPixels(canvasSize());
   hubs_.mix->setCanvas(canvas.width, canvas.height);
@@ -181,13 +197,13 @@ void CameraModel::loadSettings() {
     dissolveSeconds = *seconds;
     hubs_.mix->setTransitionDuration(*seconds);
   }
-  readEnum("qvn.mixTransition", mixTransition);
+  load(s, "qvn.mixTransition", mixTransition);
   // 4
   if (auto value = s.boolean("qvn.studioMode")) {
     studioMode = *value;
     applyStudioMode();
   }
-  readBool("qvn.afterTake", afterTakeSwap);
+  load(s, "qvn.afterTake", afterTakeSwap);
   // 5
   loadPiPSettings();
   // 6-13
@@ -208,32 +224,21 @@ void CameraModel::loadSettings() {
 
 void CameraModel::loadPiPSettings() {
   auto& s = settings_;
-  if (auto v = s.boolean("qvn.pipEnabled")) pipEnabled = *v;
-  if (auto v = s.integer("qvn.pipSlot")) pipSlot = static_cast<int>(*v);
-  if (auto text = s.text("qvn.pipCorner"))
-    if (auto corner = enumFromText<PiPCorner>(*text)) pipCorner = *corner;
+  load(s, "qvn.pipEnabled", pipEnabled);
+  load(s, "qvn.pipSlot", pipSlot);
+  load(s, "qvn.pipCorner", pipCorner);
   std::optional<QvnPiPLayout> stored;
-  if (auto bytes = s.bytes("qvn.pipLayout"))
-    stored = QvnPiPLayout::fromJSON(std::string(bytes->begin(), bytes->end()));
+  if (auto json = bytesText(s, "qvn.pipLayout")) stored = QvnPiPLayout::fromJSON(*json);
   pipLayout = stored ? *stored : QvnPiPLayout::inCorner(pipCorner());
 }
 
 void CameraModel::loadAudioSettings() {
   auto& s = settings_;
-  auto readBool = [&s](const char* key, Observable<bool>& property) {
-    if (auto value = s.boolean(key)) property = *value;
-  };
-  auto readReal = [&s](const char* key, Observable<double>& property) {
-    if (auto value = s.real(key)) property = *value;
-  };
-  auto readText = [&s](const char* key, Observable<std::optional<std::string>>& property) {
-    if (auto value = s.text(key)) property = *value;
-  };
   auto canonical = [this](const std::string& id) { return hubs_.audioDevices->canonicalUID(id); };
 
   // 6
-  readBool("qvn.monitorOn", monitorOn);
-  readReal("qvn.monitorVolume", monitorVolume);
+  load(s, "qvn.monitorOn", monitorOn);
+  load(s, "qvn.monitorVolume", monitorVolume);
   // 7: a stored final-output choice only counts with an audible override.
   auto override = s.integer("qvn.audibleSlotOverride");
   auto finalOutput = s.boolean("qvn.monitorFinalOutput");
@@ -250,22 +255,22 @@ void CameraModel::loadAudioSettings() {
   hubs_.masterInput->stop();
   hubs_.meterBus->pushMaster({});
   // 9
-  readBool("qvn.auxOutputOn", auxOutputOn);
-  readText("qvn.auxOutputDeviceID", auxOutputDeviceID);
-  readReal("qvn.auxOutputVolume", auxOutputVolume);
+  load(s, "qvn.auxOutputOn", auxOutputOn);
+  load(s, "qvn.auxOutputDeviceID", auxOutputDeviceID);
+  load(s, "qvn.auxOutputVolume", auxOutputVolume);
   syncAuxOutput();
-  readText("qvn.masterAudioDeviceID", masterAudioDeviceID);
-  readReal("qvn.masterAudioVolume", masterAudioVolume);
-  readBool("qvn.masterAudioMuted", masterAudioMuted);
+  load(s, "qvn.masterAudioDeviceID", masterAudioDeviceID);
+  load(s, "qvn.masterAudioVolume", masterAudioVolume);
+  load(s, "qvn.masterAudioMuted", masterAudioMuted);
   if (auto dict = s.dict("qvn.slotAudioSource"))
     slotAudioSource = readSlotDict<SlotAudioSource>(dict, [](const SettingsValue& v) {
       auto text = v.asText();
       return text ? enumFromText<SlotAudioSource>(*text) : std::nullopt;
     });
-  readBool("qvn.cueMixerOn", cueMixerOn);
-  readBool("qvn.duckingOn", duckingOn);
-  readReal("qvn.duckThreshold", duckThreshold);
-  if (auto v = s.integer("qvn.duckPrioritySlot")) duckPrioritySlot = static_cast<int>(*v);
+  load(s, "qvn.cueMixerOn", cueMixerOn);
+  load(s, "qvn.duckingOn", duckingOn);
+  load(s, "qvn.duckThreshold", duckThreshold);
+  load(s, "qvn.duckPrioritySlot", duckPrioritySlot);
   applyCueMix();
   // 10
   if (auto dict = s.dict("qvn.cueGains"))
@@ -278,9 +283,9 @@ void CameraModel::loadAudioSettings() {
     s.set("qvn.outputDeviceID", *outputDeviceID());
   }
   if (auto text = s.text("qvn.programOutputID")) programOutputID = canonical(*text);
-  readBool("qvn.programAlwaysOnTop", programAlwaysOnTop);
-  readText("qvn.selectedScreenID", selectedScreenID);
-  readText("qvn.selectedMicID", selectedMicID);
+  load(s, "qvn.programAlwaysOnTop", programAlwaysOnTop);
+  load(s, "qvn.selectedScreenID", selectedScreenID);
+  load(s, "qvn.selectedMicID", selectedMicID);
   // 12
   if (auto dict = s.dict("qvn.labels"))
     labels = readSlotDict<std::string>(dict, [](const SettingsValue& v) { return v.asText(); });
@@ -301,14 +306,13 @@ void CameraModel::loadAudioSettings() {
 void CameraModel::loadOverlaySettings() {
   auto& s = settings_;
   // 15
-  if (auto v = s.boolean("qvn.overlaysOn")) overlaysOn = *v;
-  if (auto v = s.boolean("qvn.lowerThirdOn")) lowerThirdOn = *v;
-  if (auto v = s.text("qvn.lowerThirdName")) lowerThirdName = *v;
-  if (auto v = s.text("qvn.lowerThirdTitle")) lowerThirdTitle = *v;
-  if (auto v = s.boolean("qvn.logoOn")) logoOn = *v;
-  if (auto text = s.text("qvn.logoCorner"))
-    if (auto corner = enumFromText<PiPCorner>(*text)) logoCorner = *corner;
-  if (auto v = s.text("qvn.logoName")) logoName = *v;
+  load(s, "qvn.overlaysOn", overlaysOn);
+  load(s, "qvn.lowerThirdOn", lowerThirdOn);
+  load(s, "qvn.lowerThirdName", lowerThirdName);
+  load(s, "qvn.lowerThirdTitle", lowerThirdTitle);
+  load(s, "qvn.logoOn", logoOn);
+  load(s, "qvn.logoCorner", logoCorner);
+  load(s, "qvn.logoName", logoName);
   if (auto bookmark = s.bytes("qvn.logoBookmark")) {
     logoBookmark = *bookmark;
     // On this system a bookmark is the file's path; it resolves while the file is there.
@@ -317,9 +321,8 @@ void CameraModel::loadOverlaySettings() {
     if (std::filesystem::exists(file, error)) logoURL = file;
   }
   // 16
-  if (auto bytes = s.bytes("qvn.overlayLook"))
-    if (auto look = OverlayLook::fromJSON(std::string(bytes->begin(), bytes->end())))
-      overlayLook = *look;
+  if (auto json = bytesText(s, "qvn.overlayLook"))
+    if (auto look = OverlayLook::fromJSON(*json)) overlayLook = *look;
   // 17
   applyCueMix();
   hubs_.overlays->migrateLegacyOverlaysIfNeeded();

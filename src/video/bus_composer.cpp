@@ -2,18 +2,24 @@
 
 #include "platform/pixel_convert.h"
 #include "video/mix_geometry.h"
+#include "video/overlay_geometry.h"
 #include "video/standby_picture.h"
 
 namespace qvn {
 
 BusComposer::BusComposer(std::shared_ptr<FrameHub> frames) : frames_(std::move(frames)) {}
 
-// Composes a bus straight at the target's size: the background, then the source fitted.
-void BusComposer::compose(CanvasPainter& target, int slot, const BusLook&) {
+void BusComposer::compose(CanvasPainter& target, int slot, BusLook& look, double now,
+                          Motion motion) {
   target.fill(kMixBackground);
   const auto& canvas = *target.canvas();
   if (slot >= 1)
     drawSource(target, slot, {0, 0, double(canvas.width()), double(canvas.height())}, std::nullopt);
+  // An inset showing the input already filling the frame is not drawn.
+  if (look.pipOn && look.pipSlot >= 1 && look.pipSlot != slot) drawInset(target, look);
+  if (!look.overlaysOn || look.layers.empty()) return;
+  if (motion == Motion::live) look.dropLeftLayers(now);
+  drawLayers(target, look, now, motion);
 }
 
 void BusComposer::drawSource(CanvasPainter& target, int slot, const PixelRect& frame,
@@ -21,24 +27,57 @@ void BusComposer::drawSource(CanvasPainter& target, int slot, const PixelRect& f
   PixelBufferRef picture = asBGRA(slot, frames_->buffer(slot));
   if (!picture) return;
   const double w = picture->width(), h = picture->height();
-  auto crop = crops_.find(slot);
-  const ImageCrop shown = crop == crops_.end() ? ImageCrop{} : crop->second;
+  const ImageCrop shown = crops_.shown(slot);
   const bool fill = fillsFrame(w, h, shown, fillOverride, fill_);
   auto placement = fittedPlacement(w, h, frame, shown, fill);
   if (!placement) return;
   target.draw(*picture, *placement, frame, false);
 }
 
-// Inputs that deliver 4:2:0 pictures are converted once per tick into a recycled buffer.
+void BusComposer::drawInset(CanvasPainter& target, const BusLook& look) {
+  PixelBufferRef picture = asBGRA(look.pipSlot, frames_->buffer(look.pipSlot));
+  if (!picture) return;
+  const NormRect r = look.pipLayout.rect(canvas_.width, canvas_.height,
+                                         sourceAspect(picture->width(), picture->height()));
+  // Too small an inset (4 canvas pixels or less a side) is not drawn.
+  if (r.width * canvas_.width <= 4 || r.height * canvas_.height <= 4) return;
+  const double tw = target.canvas()->width(), th = target.canvas()->height();
+  inset_.paint(target, *picture, look.pipLayout, {r.x * tw, r.y * th, r.width * tw, r.height * th},
+               th / 1080.0);
+}
+
+void BusComposer::drawLayers(CanvasPainter& target, const BusLook& look, double now,
+                             Motion motion) {
+  const PixelRect frame{0, 0, double(target.canvas()->width()), double(target.canvas()->height())};
+  const double unit = frame.width / canvas_.width;
+  for (const OverlayLayer& layer : look.layers) {
+    if (layer.opacity <= 0.004 || !layer.image) continue;
+    if (motion == Motion::settled && layer.leaving()) continue;
+    const bool moving = motion == Motion::live && layer.motion;
+    const LayerDraw draw =
+        placeOverlay(layer, frame, unit, moving ? layer.motion->kind : QvnOverlayMotion::none,
+                     moving ? layer.progress(now) : 1.0);
+    target.drawTransformed(*layer.image, draw.toCanvas, draw.alpha, draw.keepWidth);
+    for (const OverlaySourceHole& hole : layer.holes)
+      if (hole.slot >= 1)
+        drawSource(target, hole.slot, sourceHoleRect(layer, hole, frame, unit), true);
+  }
+}
+
+// Inputs that deliver 4:2:0 pictures are converted once per new picture into a recycled
+// buffer: the same picture drawn on both buses, in an inset or in a hole is converted once.
 PixelBufferRef BusComposer::asBGRA(int slot, const PixelBufferRef& picture) {
   if (!picture || picture->format() == PixelFormat::bgra) return picture;
-  auto& pool = conversionPools_[slot];
-  if (!pool) pool = std::make_unique<QvnPixelBufferPool>(PixelFormat::bgra, 3);
-  auto bgra = pool->make(picture->width(), picture->height());
+  Conversion& c = conversions_[slot];
+  if (c.from == picture) return c.to;
+  if (!c.pool) c.pool = std::make_unique<QvnPixelBufferPool>(PixelFormat::bgra, 3);
+  auto bgra = c.pool->make(picture->width(), picture->height());
   if (!bgra) return nullptr;
   const bool ok = picture->format() == PixelFormat::nv12 ? nv12ToBGRA(*picture, *bgra)
                                                          : i420ToBGRA(*picture, *bgra);
-  return ok ? bgra : nullptr;
+  c.from = ok ? picture : nullptr;
+  c.to = ok ? bgra : nullptr;
+  return c.to;
 }
 
 }  // namespace qvn

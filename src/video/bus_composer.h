@@ -1,45 +1,56 @@
-// Composes one bus's picture onto a canvas from the newest pictures of the frame hub: the
-// background, then the source fitted or filled, then what the bus's look adds. Owned and
-// called by the mix queue (the engine) or by one thread at a time (benchmarks).
+// Composes one bus's picture onto a canvas from the newest pictures of the frame hub, from
+// the back: the background, the source fitted or filled, the inset's shadow, the inset, then
+// each overlay layer with the live inputs in its holes right after it. Owned and called by
+// the mix queue (the engine) or by one thread at a time (benchmarks).
 #pragma once
 
 #include <map>
 #include <memory>
 
 #include "platform/pixel_buffer.h"
+#include "video/bus_look.h"
 #include "video/canvas_painter.h"
+#include "video/crop_easing.h"
 #include "video/frame_hub.h"
-#include "video/pip_layout.h"
+#include "video/inset_painter.h"
 
 namespace qvn {
-
-// What a bus adds over its source.
-struct BusLook {
-  bool pipOn = false;
-  int pipSlot = 0;
-  QvnPiPLayout pipLayout;
-};
 
 class BusComposer {
  public:
   explicit BusComposer(std::shared_ptr<FrameHub> frames);
 
+  // The canvas the looks are laid out for; a smaller target is drawn scaled down to it.
+  void setCanvas(int width, int height) { canvas_ = {width, height}; }
   // Fill pictures that aren't portrait rather than fit them.
   void setFill(bool fill) { fill_ = fill; }
-  void setCrop(int slot, const ImageCrop& crop) { crops_[slot] = crop; }
+  CropEasing& crops() { return crops_; }
 
-  // The whole bus at the target's size.
-  void compose(CanvasPainter& target, int slot, const BusLook& look);
+  // How a look's layers are drawn: as they move at `now`, or at rest with the leaving ones
+  // gone (what a bus will show once its motions end).
+  enum class Motion { live, settled };
+
+  // The whole bus at the target's size. Live, layers whose exit has ended leave `look`.
+  void compose(CanvasPainter& target, int slot, BusLook& look, double now,
+               Motion motion = Motion::live);
 
  private:
   void drawSource(CanvasPainter& target, int slot, const PixelRect& frame,
                   std::optional<bool> fillOverride);
+  void drawInset(CanvasPainter& target, const BusLook& look);
+  void drawLayers(CanvasPainter& target, const BusLook& look, double now, Motion motion);
   PixelBufferRef asBGRA(int slot, const PixelBufferRef& picture);
 
   std::shared_ptr<FrameHub> frames_;
+  CanvasPixels canvas_{1920, 1080};
   bool fill_ = false;
-  std::map<int, ImageCrop> crops_;
-  std::map<int, std::unique_ptr<QvnPixelBufferPool>> conversionPools_;
+  CropEasing crops_;
+  InsetPainter inset_;
+  struct Conversion {
+    std::unique_ptr<QvnPixelBufferPool> pool;
+    PixelBufferRef from, to;  // the last picture converted and its BGRA copy
+  };
+  std::map<int, Conversion> conversions_;
 };
 
 }  // namespace qvn

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "platform/pixel_buffer.h"
+#include "video/alpha_mask.h"
 #include "video/mix_geometry.h"
 #include "video/overlay_rgba.h"
 
@@ -21,10 +22,21 @@ class CanvasPainter {
   const PixelBufferRef& canvas() const { return canvas_; }
 
   void fill(const OverlayRGBA& color);
+  // Every pixel transparent.
+  void clear();
   // Draws a BGRA picture scaled and placed, limited to `clip`, over the canvas. An opaque
   // picture's alpha bytes are ignored, which lets the scaler take its fastest path.
   void draw(const PixelBuffer& picture, const Placement& placement, const PixelRect& clip,
             bool opaque);
+  // Draws a BGRA premultiplied picture through `toCanvas` over the canvas, with its alpha
+  // multiplied by `alpha` and only its leftmost `keepWidth` pixels kept (a wipe). Outside
+  // the picture is transparent, and turned edges are smoothed.
+  void drawTransformed(const PixelBuffer& picture, const Affine& toCanvas, double alpha,
+                       double keepWidth);
+  // Lays `color` over the canvas through a coverage mask whose top left is at (x, y).
+  void drawCoverage(const AlphaMask& mask, int x, int y, const OverlayRGBA& color);
+  // Keeps the canvas only where a mask of its own size covers it.
+  void keepInside(const AlphaMask& mask);
   // Lays another canvas of the same size over this one: at `alpha` (a fade), or shifted
   // right by `offsetX` pixels (a slide).
   void blendOver(const CanvasPainter& other, double alpha, int offsetX = 0);

@@ -80,6 +80,7 @@ void MixEngine::setCanvas(int width, int height) {
     const bool changed = width != canvasWidth() || height != canvasHeight();
     gCanvasWidth = width;
     gCanvasHeight = height;
+    m.composer_.setCanvas(width, height);
     if (m.running_ && changed) {
       m.makeRing();
       m.previewCanvases_.clear();
@@ -106,8 +107,8 @@ void MixEngine::setTransitionDuration(double seconds) {
   post([clamped](MixEngine& m) { m.transitionSeconds_ = clamped; });
 }
 
-void MixEngine::setImageCrop(int slot, ImageCrop crop, bool) {
-  post([slot, crop](MixEngine& m) { m.composer_.setCrop(slot, crop); });
+void MixEngine::setImageCrop(int slot, ImageCrop crop, bool snap) {
+  post([slot, crop, snap](MixEngine& m) { m.composer_.crops().setTarget(slot, crop, snap); });
 }
 
 void MixEngine::setHoldPreview(bool on) {
@@ -134,16 +135,32 @@ void MixEngine::setPreview(int slot) {
   });
 }
 
+template <class F>
+void MixEngine::forLooks(Bus bus, F change) {
+  if (bus != Bus::preview) change(programLook_);
+  if (bus != Bus::program) change(previewLook_);
+}
+
 void MixEngine::setPiP(bool on, int slot, const QvnPiPLayout& layout, Bus bus) {
   post([=](MixEngine& m) {
-    for (BusLook* look : {&m.programLook_, &m.previewLook_}) {
-      if ((bus == Bus::program && look != &m.programLook_) ||
-          (bus == Bus::preview && look != &m.previewLook_))
-        continue;
-      look->pipOn = on;
-      look->pipSlot = slot;
-      look->pipLayout = layout;
-    }
+    m.forLooks(bus, [&](BusLook& look) {
+      look.pipOn = on;
+      look.pipSlot = slot;
+      look.pipLayout = layout;
+    });
+  });
+}
+
+void MixEngine::setOverlayLayers(bool on, std::vector<OverlayLayer> layers, Bus bus) {
+  post([on, layers = std::move(layers), bus](MixEngine& m) {
+    const double now = mediaTime();
+    m.forLooks(bus, [&](BusLook& look) { look.mergeLayers(on, layers, now); });
+  });
+}
+
+void MixEngine::setOverlayPlacements(bool on, std::vector<OverlayPlacement> placements, Bus bus) {
+  post([on, placements = std::move(placements), bus](MixEngine& m) {
+    m.forLooks(bus, [&](BusLook& look) { look.place(on, placements); });
   });
 }
 
@@ -154,30 +171,66 @@ void MixEngine::switchTo(int slot, MixTransition kind) {
   post([slot, kind](MixEngine& m) { m.switchNow(slot, kind); });
 }
 
-void MixEngine::switchNow(int slot, MixTransition kind) {
-  const int from = programSlot_;
-  const BusLook look = programLook_;
+void MixEngine::setProgramSlot(int slot) {
   programSlot_ = slot;
   programMirror_ = slot;
+}
+
+void MixEngine::switchNow(int slot, MixTransition kind) {
+  const int from = programSlot_;
+  const BusLook look = programLook_;  // a direct switch keeps Program's look
+  setProgramSlot(slot);
   if (!holdPreview_) previewSlot_ = slot;
-  beginTransition(from, look, kind);
+  beginTransition(from, look, kind, 0);
+}
+
+int MixEngine::promotePreview(bool swap, BusLook& oldLook) {
+  const int from = programSlot_;
+  oldLook = std::move(programLook_);
+  setProgramSlot(previewSlot_);
+  // Layers leaving Preview stay behind; the others arrive at rest.
+  programLook_ = previewLook_.settled();
+  if (swap && from >= 1 && from != programSlot_) previewSlot_ = from;
+  return from;
 }
 
 void MixEngine::takePreview(MixTransition kind, bool swap) {
   post([kind, swap](MixEngine& m) {
     if (m.previewSlot_ < 1) return;
-    const int from = m.programSlot_;
-    const BusLook look = m.programLook_;
-    m.programSlot_ = m.previewSlot_;
-    m.programMirror_ = m.programSlot_;
-    m.programLook_ = m.previewLook_;
-    if (swap && from >= 1 && from != m.programSlot_) m.previewSlot_ = from;
-    m.beginTransition(from, look, kind);
+    BusLook look;
+    const int from = m.promotePreview(swap, look);
+    m.beginTransition(from, look, kind, 0);
   });
 }
 
-void MixEngine::beginTransition(int from, const BusLook& look, MixTransition kind) {
-  if (kind == MixTransition::instant || from == 0) {
+void MixEngine::setManual(double progress, MixTransition kind) {
+  const double p = std::clamp(progress, 0.0, 1.0);
+  post([p, kind](MixEngine& m) {
+    if (m.dissolving_ || m.previewSlot_ < 1) return;
+    m.manualKind_ = kind == MixTransition::instant ? MixTransition::fade : kind;
+    m.manualProgress_ = p;
+  });
+}
+
+void MixEngine::endManual(bool commit, bool swap, std::function<void(bool)> completion) {
+  post([commit, swap, completion = std::move(completion)](MixEngine& m) {
+    auto report = [&](bool taken) {
+      if (completion) completion(taken);
+    };
+    if (!m.manualProgress_) return report(false);
+    const double p = *m.manualProgress_;
+    m.manualProgress_.reset();
+    if (!commit || m.previewSlot_ < 1) return report(false);  // back to Program next tick
+    BusLook look;
+    const int from = m.promotePreview(swap, look);
+    // The rest of the way runs by itself from where the hand left it.
+    m.beginTransition(from, look, m.manualKind_, p);
+    report(true);
+  });
+}
+
+void MixEngine::beginTransition(int from, const BusLook& look, MixTransition kind, double startAt) {
+  if (kind == MixTransition::instant || from == 0 || startAt >= 1) {
     dissolving_ = false;
     emitProgram();  // the cut lands now, not at the next tick
     reportBuses(false);
@@ -187,7 +240,7 @@ void MixEngine::beginTransition(int from, const BusLook& look, MixTransition kin
   dissolveFrom_ = from;
   fromLook_ = look;
   dissolveSeconds_ = transitionSeconds_;
-  dissolveStart_ = mediaTime();
+  dissolveStart_ = mediaTime() - startAt * transitionSeconds_;
   dissolving_ = true;
   reportBuses(true);
 }
@@ -204,8 +257,7 @@ void MixEngine::clearIf(int slot, std::vector<int> live) {
         if (live.front() >= 1) m.switchNow(live.front(), MixTransition::instant);
         return;
       }
-      m.programSlot_ = 0;
-      m.programMirror_ = 0;
+      m.setProgramSlot(0);
       m.previewSlot_ = 0;
       if (m.dissolving_) {
         m.dissolving_ = false;
@@ -230,6 +282,7 @@ void MixEngine::noteIncoming(int slot) {
 
 void MixEngine::tick() {
   const double t0 = mediaTime();
+  composer_.crops().step();
   emitProgram();
   if (previewVisible_) emitPreview();
   recordTickTime((mediaTime() - t0) * 1000.0);
@@ -264,26 +317,43 @@ void MixEngine::emitProgram() {
   if (canvases_.empty()) return;
   canvasIndex_ = (canvasIndex_ + 1) % int(canvases_.size());
   CanvasPainter& target = canvases_[canvasIndex_];
+  const double now = mediaTime();
 
   if (dissolving_) {
-    const double p = std::min((mediaTime() - dissolveStart_) / dissolveSeconds_, 1.0);
-    if (p < 1 && blendScratch_) {
-      composer_.compose(target, dissolveFrom_, fromLook_);
-      composer_.compose(*blendScratch_, programSlot_, programLook_);
-      if (dissolveKind_ == MixTransition::slide)
-        target.blendOver(*blendScratch_, 1.0, int((1 - p) * canvasWidth()));
-      else
-        target.blendOver(*blendScratch_, p);
+    const double p = std::min((now - dissolveStart_) / dissolveSeconds_, 1.0);
+    if (p < 1) {
+      blend(target, dissolveFrom_, fromLook_, programSlot_, programLook_, BusComposer::Motion::live,
+            dissolveKind_, p, now);
     } else {
-      composer_.compose(target, programSlot_, programLook_);
+      composer_.compose(target, programSlot_, programLook_, now);
       dissolving_ = false;
       fromLook_ = {};
       if (onDissolve) onDissolve(false);
     }
+  } else if (manualProgress_ && previewSlot_ >= 1) {
+    // The T-bar is a picture only: Program and Preview stay until it is let go.
+    blend(target, programSlot_, programLook_, previewSlot_, previewLook_,
+          BusComposer::Motion::settled, manualKind_, *manualProgress_, now);
   } else {
-    composer_.compose(target, programSlot_, programLook_);
+    composer_.compose(target, programSlot_, programLook_, now);
   }
   frames_->ingestMix(target.canvas());
+}
+
+void MixEngine::blend(CanvasPainter& target, int fromSlot, BusLook& fromLook, int toSlot,
+                      BusLook& toLook, BusComposer::Motion toMotion, MixTransition kind, double p,
+                      double now) {
+  if (p >= 1 || !blendScratch_) {
+    composer_.compose(target, toSlot, toLook, now, toMotion);
+    return;
+  }
+  // Both sides are composed live, each with its own inset and overlays.
+  composer_.compose(target, fromSlot, fromLook, now);
+  composer_.compose(*blendScratch_, toSlot, toLook, now, toMotion);
+  if (kind == MixTransition::slide)
+    target.blendOver(*blendScratch_, 1.0, int((1 - p) * target.canvas()->width()));
+  else
+    target.blendOver(*blendScratch_, p);
 }
 
 void MixEngine::emitPreview() {
@@ -298,7 +368,10 @@ void MixEngine::emitPreview() {
   previewBlankSent_ = previewSlot_ == 0;
   previewCanvasIndex_ = (previewCanvasIndex_ + 1) % int(previewCanvases_.size());
   CanvasPainter& target = previewCanvases_[previewCanvasIndex_];
-  composer_.compose(target, previewSlot_, previewLook_);
+  if (previewSlot_ >= 1)
+    composer_.compose(target, previewSlot_, previewLook_, mediaTime());
+  else
+    target.fill(kMixBackground);
   frames_->store(FrameHub::kPreviewSlot, target.canvas());
 }
 

@@ -8,14 +8,17 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "platform/dispatch.h"
 #include "platform/pixel_buffer.h"
 #include "video/bus_composer.h"
+#include "video/bus_look.h"
 #include "video/canvas_painter.h"
 #include "video/frame_hub.h"
 #include "video/mix_control.h"
@@ -51,10 +54,21 @@ class MixEngine final : public MixControl, public std::enable_shared_from_this<M
   void setPreviewFullSize(bool on);
   void setPreview(int slot);
   void setPiP(bool on, int slot, const QvnPiPLayout& layout, Bus bus);
+  // Finished layers from the overlay store: merged into the chosen looks at this moment, so
+  // layers that went away play their exit and new ones their entrance.
+  void setOverlayLayers(bool on, std::vector<OverlayLayer> layers, Bus bus);
+  // Moves layers without new pictures.
+  void setOverlayPlacements(bool on, std::vector<OverlayPlacement> placements, Bus bus);
   // Program goes straight to an input; nothing for a slot below 1.
   void switchTo(int slot, MixTransition kind);
   // Preview's source and look go to Program; with `swap`, the old Program goes to Preview.
   void takePreview(MixTransition kind, bool swap);
+  // The T-bar held at `progress` (0..1, clamped here): Program shows the way to Preview's
+  // source and settled look. Ignored while a transition runs or without a Preview source.
+  void setManual(double progress, MixTransition kind);
+  // The T-bar let go: with `commit` and a Preview source, the change runs the rest of the
+  // way from where the hand left it. `completion` says whether it was taken, on the mix queue.
+  void endManual(bool commit, bool swap, std::function<void(bool taken)> completion);
   // A picture arrived on an input: the first input to deliver one goes to Program by itself.
   // Any thread; costs one atomic read while Program is occupied.
   void noteIncoming(int slot);
@@ -73,7 +87,16 @@ class MixEngine final : public MixControl, public std::enable_shared_from_this<M
   // switchTo's work, on the queue: a job that decides to switch does it in place, so no job
   // queued behind it sees the old Program.
   void switchNow(int slot, MixTransition kind);
-  void beginTransition(int from, const BusLook& look, MixTransition kind);
+  void beginTransition(int from, const BusLook& look, MixTransition kind, double startAt);
+  // Program takes Preview's source and settled look; with `swap` the old Program source goes
+  // to Preview. Returns the old Program source.
+  int promotePreview(bool swap, BusLook& oldLook);
+  void setProgramSlot(int slot);
+  template <class F>
+  void forLooks(Bus bus, F change);
+  // Program's picture while a transition runs or the T-bar is held: `from` under `to`.
+  void blend(CanvasPainter& target, int fromSlot, BusLook& fromLook, int toSlot, BusLook& toLook,
+             BusComposer::Motion toMotion, MixTransition kind, double p, double now);
   void reportBuses(std::optional<bool> dissolve);
   void makeRing();
   void recordTickTime(double milliseconds);
@@ -95,6 +118,8 @@ class MixEngine final : public MixControl, public std::enable_shared_from_this<M
   bool dissolving_ = false;
   MixTransition dissolveKind_ = MixTransition::instant;
   int dissolveFrom_ = 0;
+  std::optional<double> manualProgress_;
+  MixTransition manualKind_ = MixTransition::fade;
   double dissolveStart_ = 0;
   double dissolveSeconds_ = 0.4;
   double transitionSeconds_ = 0.55;

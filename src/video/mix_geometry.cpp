@@ -5,6 +5,30 @@
 
 namespace qvn {
 
+Affine Affine::rotated(double degrees, double dx, double dy) {
+  const double r = degrees * M_PI / 180;
+  const double cos = std::cos(r), sin = std::sin(r);
+  // With y down, the usual rotation matrix turns clockwise on screen.
+  return {cos, sin, -sin, cos, dx, dy};
+}
+
+Affine Affine::then(const Affine& n) const {
+  return {n.a * a + n.c * b, n.b * a + n.d * b,          n.a * c + n.c * d,
+          n.b * c + n.d * d, n.a * tx + n.c * ty + n.tx, n.b * tx + n.d * ty + n.ty};
+}
+
+Affine Affine::inverted() const {
+  const double det = a * d - b * c;
+  if (det == 0) return {0, 0, 0, 0, 0, 0};
+  const double ia = d / det, ib = -b / det, ic = -c / det, id = a / det;
+  return {ia, ib, ic, id, -(ia * tx + ic * ty), -(ib * tx + id * ty)};
+}
+
+void Affine::apply(double x, double y, double& outX, double& outY) const {
+  outX = a * x + c * y + tx;
+  outY = b * x + d * y + ty;
+}
+
 bool fillsFrame(double width, double height, const ImageCrop& crop,
                 std::optional<bool> fillOverride, bool engineFill) {
   if (!fillOverride && engineFill && height <= width * 1.02) return true;

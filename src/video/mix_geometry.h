@@ -24,6 +24,18 @@ struct Placement {
   bool operator==(const Placement&) const = default;
 };
 
+// A picture's pixels to canvas pixels, both y down: x' = a·x + c·y + tx, y' = b·x + d·y + ty.
+struct Affine {
+  double a = 1, b = 0, c = 0, d = 1, tx = 0, ty = 0;
+
+  // Turned `degrees` clockwise on screen about the origin, then moved by (dx, dy).
+  static Affine rotated(double degrees, double dx = 0, double dy = 0);
+  Affine then(const Affine& next) const;
+  Affine inverted() const;
+  void apply(double x, double y, double& outX, double& outY) const;
+  bool isTranslation() const { return a == 1 && b == 0 && c == 0 && d == 1; }
+};
+
 // Whether a picture fills its frame (cut at the edges) rather than fits it (bars beside it).
 // `fillOverride` forces filling when true; absent, the engine's fill setting fills pictures
 // that are not portrait (height at most 1.02 times the width). A crop in use always fills.

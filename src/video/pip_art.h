@@ -2,22 +2,13 @@
 // on every later tick of the mix.
 #pragma once
 
-#include <cstdint>
 #include <memory>
-#include <vector>
 
 #include "platform/pixel_buffer.h"
+#include "video/alpha_mask.h"
 #include "video/overlay_rgba.h"
 
 namespace qvn {
-
-// 8-bit coverage, 0 outside and 255 inside; what the compositor takes as an a8 mask.
-struct AlphaMask {
-  int width = 0;
-  int height = 0;
-  int stride = 0;  // bytes per row
-  std::vector<std::uint8_t> alpha;
-};
 
 // Called from the mix queue; any thread is safe. The lock covers only the two caches:
 // drawing happens outside it, so two threads that miss at once each draw and the last

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "platform/files.h"
+#include "test_pictures.h"
 #include "video/mix_geometry.h"
 
 // The standby lettering goes through pango and fontconfig, built without sanitizers: their own
@@ -86,28 +87,6 @@ TEST(MixGeometry, TinyPicturesAreNotPlacedAndPreviewIsCappedEven) {
 // ---- Engine -------------------------------------------------------------------------------
 
 using Events = std::vector<std::string>;
-
-struct Px {
-  int r = -1, g = -1, b = -1;
-};
-constexpr Px kBackground{15, 17, 23}, kRed{255, 0, 0}, kBlue{0, 0, 255}, kGreen{0, 255, 0};
-
-testing::AssertionResult near(Px got, Px want, int tolerance = 2) {
-  if (std::abs(got.r - want.r) <= tolerance && std::abs(got.g - want.g) <= tolerance &&
-      std::abs(got.b - want.b) <= tolerance)
-    return testing::AssertionSuccess();
-  return testing::AssertionFailure() << "got " << got.r << "," << got.g << "," << got.b;
-}
-
-PixelBufferRef solid(int width, int height, Px c) {
-  auto buffer = PixelBuffer::make(PixelFormat::bgra, width, height);
-  for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x) {
-      std::uint8_t* p = buffer->bgraAt(x, y);
-      p[0] = std::uint8_t(c.b), p[1] = std::uint8_t(c.g), p[2] = std::uint8_t(c.r), p[3] = 255;
-    }
-  return buffer;
-}
 
 std::atomic<double> gClock{100.0};
 double frozenClock() {
@@ -434,6 +413,96 @@ TEST_F(MixEngineTest, TakingPreviewSwapsOnlyWhenAsked) {
   EXPECT_EQ(rig.events(), (Events{"dissolve off", "bus 1,0", "bus 1,2", "dissolve off", "bus 2,1",
                                   "bus 2,3", "dissolve off", "bus 3,3"}));
   EXPECT_EQ(rig.mix->programSlotMirror(), 3);
+}
+
+TEST_F(MixEngineTest, TheTBarShowsTheWayToPreviewAndFinishesWhereItWasLetGo) {
+  gClock = 300.0;
+  setMediaTimeSource(frozenClock);
+  MixRig rig;
+  rig.hub->store(1, solid(160, 90, kRed));
+  rig.hub->store(2, solid(160, 90, kBlue));
+  rig.mix->setHoldPreview(true);
+  rig.mix->start();
+  ASSERT_TRUE(rig.fresh());
+  const PixelBufferRef standby = rig.hub->buffer(0);
+  rig.mix->setPreview(2);
+  rig.mix->setManual(0.5, MixTransition::fade);  // Program empty: the bar has no picture
+  ASSERT_TRUE(rig.fresh());
+  EXPECT_EQ(rig.hub->buffer(0), standby);
+
+  rig.mix->switchTo(1, MixTransition::instant);
+  rig.mix->setManual(1.4, MixTransition::instant);  // held at 1, as a fade
+  ASSERT_TRUE(rig.fresh());
+  EXPECT_TRUE(near(rig.pixel(0, 0.5, 0.5), kBlue));
+  rig.mix->setManual(0.5, MixTransition::slide);
+  ASSERT_TRUE(rig.fresh());
+  EXPECT_TRUE(near(rig.pixel(0, 0.25, 0.5), kRed));
+  EXPECT_TRUE(near(rig.pixel(0, 0.75, 0.5), kBlue));
+
+  std::vector<bool> taken;
+  auto note = [&taken](bool t) { taken.push_back(t); };
+  rig.mix->setTransitionDuration(0.6);
+  rig.mix->endManual(true, true, note);          // the other half of a slide, in 0.3 s
+  rig.mix->setManual(0.2, MixTransition::fade);  // ignored while the change runs
+  ASSERT_TRUE(rig.fresh());
+  EXPECT_EQ(rig.mix->programSlotMirror(), 2);
+  EXPECT_TRUE(near(rig.pixel(0, 0.25, 0.5), kRed));
+  gClock = 300.29;
+  ASSERT_TRUE(rig.fresh());
+  EXPECT_TRUE(near(rig.pixel(0, 0.005, 0.5), kRed));
+  gClock = 300.3;
+  ASSERT_TRUE(rig.fresh());
+  EXPECT_TRUE(near(rig.pixel(0, 0.02, 0.5), kBlue));
+
+  rig.mix->endManual(true, false, note);       // never moved
+  rig.mix->setManual(1, MixTransition::fade);  // all the way: a cut
+  rig.mix->endManual(true, false, note);
+  rig.mix->setManual(0.7, MixTransition::fade);
+  rig.mix->endManual(false, false, note);  // let go without taking
+  ASSERT_TRUE(rig.fresh());
+  EXPECT_TRUE(near(rig.pixel(0, 0.5, 0.5), kRed));
+  EXPECT_EQ(taken, (std::vector<bool>{true, false, true, false}));
+  EXPECT_EQ(rig.events(), (Events{"bus 0,2", "dissolve off", "bus 1,2", "dissolve on", "bus 2,1",
+                                  "dissolve off", "dissolve off", "bus 1,1"}));
+}
+
+TEST_F(MixEngineTest, LayersGoToTheChosenBusAndATakeBringsPreviewsSettled) {
+  gClock = 400.0;
+  setMediaTimeSource(frozenClock);
+  MixRig rig;
+  rig.hub->store(1, solid(160, 90, kRed));
+  rig.hub->store(2, solid(160, 90, kBlue));
+  rig.mix->setHoldPreview(true);
+  rig.mix->setPreviewVisible(true);
+  rig.mix->start();
+  rig.mix->switchTo(1, MixTransition::instant);
+  rig.mix->setPreview(2);
+  OverlayLayer bug;
+  bug.id = "bug";
+  bug.image = solid(200, 100, kGreen);
+  bug.motionIn = QvnOverlayMotion::fade;
+  bug.motionDuration = 1;
+  rig.mix->setOverlayLayers(true, {bug}, MixEngine::Bus::preview);
+  rig.sync();
+  gClock = 400.5;
+  ASSERT_TRUE(rig.fresh());
+  EXPECT_TRUE(near(rig.pixel(0, 0.5, 0.5), kRed));
+  EXPECT_TRUE(near(rig.pixel(-1, 0.5, 0.5), {0, 128, 128}));  // half way in on Preview
+
+  rig.mix->takePreview(MixTransition::instant, true);  // arrives on Program at rest
+  ASSERT_TRUE(rig.fresh());
+  EXPECT_TRUE(near(rig.pixel(0, 0.5, 0.5), kGreen));
+  EXPECT_TRUE(near(rig.pixel(0, 0.1, 0.1), kBlue));
+
+  rig.mix->setOverlayPlacements(true, {{"bug", {0.1, 0.1}, 0, 1}}, MixEngine::Bus::both);
+  ASSERT_TRUE(rig.fresh());
+  EXPECT_TRUE(near(rig.pixel(0, 0.1, 0.1), kGreen));
+  EXPECT_TRUE(near(rig.pixel(0, 0.5, 0.5), kBlue));
+
+  rig.mix->setImageCrop(2, {4, 0, 0}, false);  // eased a tick at a time, not at once
+  rig.mix->setOverlayLayers(false, {}, MixEngine::Bus::program);
+  ASSERT_TRUE(rig.fresh());
+  EXPECT_TRUE(near(rig.pixel(0, 0.1, 0.1), kBlue));
 }
 
 TEST_F(MixEngineTest, TickTimesAreSummedUpEveryNinetyTicks) {

@@ -1,5 +1,7 @@
 #include "platform/pixel_convert.h"
 
+#include "platform/bgra_scaler.h"
+
 #include <libyuv/convert_from.h>
 #include <libyuv/planar_functions.h>
 #include <libyuv/rotate_argb.h>
@@ -193,102 +195,6 @@ void toBGRA(const PixelBuffer& src, PixelBuffer& dst) {
 // turns 255 into 253 and so makes opaque pictures slightly transparent; here the two
 // weights of each tap always sum to 256. Sample centres line up (pixel x of dst sits at
 // (x + 0.5) * src/dst - 0.5 of src), edges repeat.
-namespace bilinear {
-
-struct Tap {
-  int offset;            // bytes to the left pixel of the pair
-  std::int32_t weights;  // left | right << 16, summing to 256
-};
-
-// Where dst sample i falls in src, in 16.16 fixed point, clamped to the first and last
-// pixel; exact for any int sizes.
-std::int64_t position(int i, int srcSize, int dstSize) {
-  const std::int64_t numerator = (2 * static_cast<std::int64_t>(i) + 1) * srcSize;
-  const std::int64_t denominator = 2 * static_cast<std::int64_t>(dstSize);
-  const std::int64_t at = ((numerator / denominator) << 16) +
-                          ((numerator % denominator) << 16) / denominator - (1 << 15);
-  return std::clamp<std::int64_t>(at, 0, static_cast<std::int64_t>(srcSize - 1) << 16);
-}
-
-// One row from src's width to dst's. A tap reads its pixel pair as 8 bytes, so the last
-// pixel is reached as the right half of a pair; a 1-pixel-wide row is copied out instead.
-void row(const std::uint8_t* src, int srcWidth, const Tap* taps, int width, std::uint8_t* dst) {
-  if (srcWidth == 1) {
-    for (int x = 0; x < width; ++x) std::memcpy(dst + x * 4, src, 4);
-    return;
-  }
-  for (int x = 0; x < width; ++x) {
-    const Tap tap = taps[x];
-#if defined(__SSE2__)
-    // Bytes a0..a3 b0..b3 become words a0 b0 a1 b1 ..., so one multiply-add per channel.
-    const __m128i pair = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(src + tap.offset));
-    const __m128i words =
-        _mm_unpacklo_epi8(_mm_unpacklo_epi8(pair, _mm_srli_si128(pair, 4)), _mm_setzero_si128());
-    const __m128i sums = _mm_srli_epi32(
-        _mm_add_epi32(_mm_madd_epi16(words, _mm_set1_epi32(tap.weights)), _mm_set1_epi32(128)), 8);
-    const __m128i bytes = _mm_packs_epi32(sums, sums);
-    const std::int32_t out = _mm_cvtsi128_si32(_mm_packus_epi16(bytes, bytes));
-    std::memcpy(dst + x * 4, &out, 4);
-#else
-    const std::uint8_t* a = src + tap.offset;
-    const int left = tap.weights & 0xffff;
-    const int right = tap.weights >> 16;
-    for (int c = 0; c < 4; ++c) {
-      dst[x * 4 + c] = static_cast<std::uint8_t>((a[c] * left + a[c + 4] * right + 128) >> 8);
-    }
-#endif
-  }
-}
-
-void scale(const PixelBuffer& src, PixelBuffer& dst) {
-  const int srcWidth = src.width();
-  const int width = dst.width();
-  // Kept per thread so a steady stream of frames allocates nothing after the first.
-  thread_local std::vector<Tap> taps;
-  thread_local std::vector<std::uint8_t> cache;
-  taps.resize(static_cast<size_t>(width));
-  for (int x = 0; x < width; ++x) {
-    const std::int64_t at = position(x, srcWidth, width);
-    int left = static_cast<int>(at >> 16);
-    int weight = static_cast<int>((at >> 8) & 255);
-    if (left == srcWidth - 1 && srcWidth > 1) {
-      left -= 1;
-      weight = 256;
-    }
-    taps[static_cast<size_t>(x)] = {left * 4, (256 - weight) | weight << 16};
-  }
-
-  // Rows already scaled across, reused by the next dst rows while they fall between them.
-  const size_t rowBytes = static_cast<size_t>(width) * 4;
-  cache.resize(rowBytes * 2);
-  std::uint8_t* slots[2] = {cache.data(), cache.data() + rowBytes};
-  int held[2] = {-1, -1};
-  auto across = [&](int y) -> const std::uint8_t* {
-    if (srcWidth == width) return src.bgraAt(0, y);
-    for (int i = 0; i < 2; ++i) {
-      if (held[i] == y) return slots[i];
-    }
-    const int slot = held[0] == y - 1 ? 1 : 0;  // keep the row above
-    row(src.bgraAt(0, y), srcWidth, taps.data(), width, slots[slot]);
-    held[slot] = y;
-    return slots[slot];
-  };
-
-  for (int y = 0; y < dst.height(); ++y) {
-    const std::int64_t at = position(y, src.height(), dst.height());
-    const int top = static_cast<int>(at >> 16);
-    const int weight = static_cast<int>((at >> 8) & 255);
-    const std::uint8_t* upper = across(top);
-    if (weight == 0) {
-      std::memcpy(dst.bgraAt(0, y), upper, rowBytes);
-    } else {
-      libyuv::InterpolatePlane(upper, 0, across(top + 1), 0, dst.bgraAt(0, y), 0, width * 4, 1,
-                               weight);
-    }
-  }
-}
-
-}  // namespace bilinear
 }  // namespace
 
 bool i420ToBGRA(const PixelBuffer& src, PixelBuffer& dst) {
@@ -329,7 +235,11 @@ bool scaleBGRA(const PixelBuffer& src, PixelBuffer& dst) {
   if (src.width() == dst.width() && src.height() == dst.height()) {
     libyuv::ARGBCopy(src.data(), src.stride(), dst.data(), dst.stride(), src.width(), src.height());
   } else {
-    bilinear::scale(src, dst);
+    // Kept per thread so a steady stream of frames allocates nothing after the first.
+    thread_local BGRAScaler scaler;
+    scaler.draw(src, dst, {double(dst.width()) / src.width(), 0},
+                {double(dst.height()) / src.height(), 0}, {0, 0, dst.width(), dst.height()},
+                BGRAScaler::Mode::replace);
   }
   return true;
 }

@@ -31,7 +31,7 @@ void BusComposer::drawSource(CanvasPainter& target, int slot, const PixelRect& f
   const bool fill = fillsFrame(w, h, shown, fillOverride, fill_);
   auto placement = fittedPlacement(w, h, frame, shown, fill);
   if (!placement) return;
-  target.draw(*picture, *placement, frame, false);
+  target.draw(*picture, *placement, frame);
 }
 
 void BusComposer::drawInset(CanvasPainter& target, const BusLook& look) {

@@ -2,6 +2,8 @@
 
 #include <pixman.h>
 
+#include "platform/bgra_scaler.h"
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -10,11 +12,11 @@ namespace qvn {
 
 namespace {
 
-pixman_image_t* wrap(const PixelBuffer& buffer, bool opaque) {
+pixman_image_t* wrap(const PixelBuffer& buffer) {
   // BGRA bytes in memory are pixman's a8r8g8b8 on a little-endian machine.
-  return pixman_image_create_bits(
-      opaque ? PIXMAN_x8r8g8b8 : PIXMAN_a8r8g8b8, buffer.width(), buffer.height(),
-      reinterpret_cast<uint32_t*>(const_cast<uint8_t*>(buffer.data())), buffer.stride());
+  return pixman_image_create_bits(PIXMAN_a8r8g8b8, buffer.width(), buffer.height(),
+                                  reinterpret_cast<uint32_t*>(const_cast<uint8_t*>(buffer.data())),
+                                  buffer.stride());
 }
 
 pixman_transform_t pixmanTransform(const Affine& m) {
@@ -60,7 +62,6 @@ struct CanvasPainter::Image {
   struct Source {
     const std::uint8_t* data = nullptr;
     int width = 0, height = 0, stride = 0;
-    bool opaque = false;
     pixman_format_code_t format = PIXMAN_a8r8g8b8;
     pixman_image_t* image = nullptr;
   };
@@ -76,6 +77,7 @@ struct CanvasPainter::Image {
   // One row of coverage per picture column, stretched over every row: a wipe with alpha.
   pixman_image_t* wipeMask = nullptr;
   std::array<std::uint8_t, kWipeRow> wipeRow{};
+  BGRAScaler scaler;
   std::array<Source, kSources> sources{};
   size_t nextSource = 0;
 
@@ -90,9 +92,9 @@ struct CanvasPainter::Image {
 
   // A wrapper is only reused for the same memory with the same layout, which is then the
   // memory of a picture alive right now.
-  pixman_image_t* source(const PixelBuffer& picture, bool opaque) {
+  pixman_image_t* source(const PixelBuffer& picture) {
     return cached(picture.data(), picture.width(), picture.height(), picture.stride(),
-                  opaque ? PIXMAN_x8r8g8b8 : PIXMAN_a8r8g8b8);
+                  PIXMAN_a8r8g8b8);
   }
   pixman_image_t* source(const AlphaMask& mask) {
     return cached(mask.alpha.data(), mask.width, mask.height, mask.stride, PIXMAN_a8);
@@ -100,17 +102,16 @@ struct CanvasPainter::Image {
 
   pixman_image_t* cached(const std::uint8_t* data, int width, int height, int stride,
                          pixman_format_code_t format) {
-    const bool opaque = format == PIXMAN_x8r8g8b8;
     for (auto& s : sources)
       if (s.image && s.data == data && s.width == width && s.height == height &&
-          s.stride == stride && s.opaque == opaque && s.format == format)
+          s.stride == stride && s.format == format)
         return s.image;
     pixman_image_t* made = pixman_image_create_bits(
         format, width, height, reinterpret_cast<uint32_t*>(const_cast<uint8_t*>(data)), stride);
     if (!made) return nullptr;
     Source& slot = sources[nextSource++ % kSources];
     if (slot.image) pixman_image_unref(slot.image);
-    slot = {data, width, height, stride, opaque, format, made};
+    slot = {data, width, height, stride, format, made};
     return made;
   }
 
@@ -154,7 +155,7 @@ struct CanvasPainter::Image {
 
 CanvasPainter::CanvasPainter(PixelBufferRef canvas)
     : canvas_(std::move(canvas)), image_(std::make_unique<Image>()) {
-  image_->image = wrap(*canvas_, false);
+  image_->image = wrap(*canvas_);
 }
 
 CanvasPainter::~CanvasPainter() = default;
@@ -168,8 +169,8 @@ void CanvasPainter::fill(const OverlayRGBA& color) {
 }
 
 void CanvasPainter::draw(const PixelBuffer& picture, const Placement& placement,
-                         const PixelRect& clip, bool opaque) {
-  if (picture.format() != PixelFormat::bgra || placement.scale <= 0) return;
+                         const PixelRect& clip) {
+  if (placement.scale <= 0) return;
   // The destination is where the scaled picture lands, limited to the clip and the canvas.
   const double left = std::max({placement.x, clip.x, 0.0});
   const double top = std::max({placement.y, clip.y, 0.0});
@@ -177,30 +178,10 @@ void CanvasPainter::draw(const PixelBuffer& picture, const Placement& placement,
                                  clip.x + clip.width, double(canvas_->width())});
   const double bottom = std::min({placement.y + picture.height() * placement.scale,
                                   clip.y + clip.height, double(canvas_->height())});
-  const int x0 = static_cast<int>(std::lround(left)), y0 = static_cast<int>(std::lround(top));
-  const int x1 = static_cast<int>(std::lround(right)), y1 = static_cast<int>(std::lround(bottom));
-  if (x1 <= x0 || y1 <= y0) return;
-
-  pixman_image_t* source = image_->source(picture, opaque);
-  if (!source) return;
-  // Edge pixels repeat outward, so a scaled picture's border doesn't fade into the canvas.
-  pixman_image_set_repeat(source, PIXMAN_REPEAT_PAD);
-  // Destination pixel (x, y) samples the picture at ((x - px) / s, (y - py) / s).
-  const double inv = 1.0 / placement.scale;
-  pixman_transform_t transform;
-  pixman_transform_init_identity(&transform);
-  transform.matrix[0][0] = pixman_double_to_fixed(inv);
-  transform.matrix[1][1] = pixman_double_to_fixed(inv);
-  transform.matrix[0][2] = pixman_double_to_fixed(-placement.x * inv);
-  transform.matrix[1][2] = pixman_double_to_fixed(-placement.y * inv);
-  pixman_image_set_transform(source, &transform);
-  const bool unscaled = std::abs(placement.scale - 1.0) < 1e-9 &&
-                        placement.x == std::floor(placement.x) &&
-                        placement.y == std::floor(placement.y);
-  pixman_image_set_filter(source, unscaled ? PIXMAN_FILTER_NEAREST : PIXMAN_FILTER_BILINEAR,
-                          nullptr, 0);
-  pixman_image_composite32(opaque ? PIXMAN_OP_SRC : PIXMAN_OP_OVER, source, nullptr, image_->image,
-                           x0, y0, 0, 0, x0, y0, x1 - x0, y1 - y0);
+  const BGRAScaler::Box box{int(std::lround(left)), int(std::lround(top)), int(std::lround(right)),
+                            int(std::lround(bottom))};
+  image_->scaler.draw(picture, *canvas_, {placement.scale, placement.x},
+                      {placement.scale, placement.y}, box, BGRAScaler::Mode::over);
 }
 
 void CanvasPainter::clear() {
@@ -215,7 +196,7 @@ void CanvasPainter::drawTransformed(const PixelBuffer& picture, const Affine& to
   const pixman_box32_t box =
       coveredBox(picture.width(), picture.height(), toCanvas, canvas_->width(), canvas_->height());
   if (box.x2 <= box.x1 || box.y2 <= box.y1) return;
-  pixman_image_t* source = image_->source(picture, false);
+  pixman_image_t* source = image_->source(picture);
   if (!source) return;
   const pixman_transform_t transform = pixmanTransform(toCanvas.inverted());
   pixman_image_set_transform(source, &transform);

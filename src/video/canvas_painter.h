@@ -24,10 +24,9 @@ class CanvasPainter {
   void fill(const OverlayRGBA& color);
   // Every pixel transparent.
   void clear();
-  // Draws a BGRA picture scaled and placed, limited to `clip`, over the canvas. An opaque
-  // picture's alpha bytes are ignored, which lets the scaler take its fastest path.
-  void draw(const PixelBuffer& picture, const Placement& placement, const PixelRect& clip,
-            bool opaque);
+  // Draws a BGRA premultiplied picture scaled and placed, limited to `clip`, over the canvas;
+  // its edge pixels repeat outward to the clip, so a scaled border doesn't fade.
+  void draw(const PixelBuffer& picture, const Placement& placement, const PixelRect& clip);
   // Draws a BGRA premultiplied picture through `toCanvas` over the canvas, with its alpha
   // multiplied by `alpha` and only its leftmost `keepWidth` pixels kept (a wipe). Outside
   // the picture is transparent, and turned edges are smoothed.

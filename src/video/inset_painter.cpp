@@ -56,7 +56,7 @@ void InsetPainter::paint(CanvasPainter& target, const PixelBuffer& picture,
   auto placement = fittedPlacement(picture.width(), picture.height(), frame, crop, true);
   if (!placement) return;
   inset->clear();
-  inset->draw(picture, *placement, frame, false);
+  inset->draw(picture, *placement, frame);
 
   const double radius = unit * layout.cornerRadius;
   const bool shaped = layout.circle || radius > 0.5;
@@ -72,7 +72,7 @@ void InsetPainter::paint(CanvasPainter& target, const PixelBuffer& picture,
                         int(std::lround(rect.y + 0.35 * looks.shadow)) - margin,
                         {0, 0, 0, layout.shadowOpacity});
   }
-  if (looks.border) inset->draw(*looks.border, {1, 0, 0}, frame, false);
+  if (looks.border) inset->draw(*looks.border, {1, 0, 0}, frame);
 
   // Fade and turn take inset and frame together, never the shadow.
   const double alpha = layout.opacity < 0.999 ? std::max(layout.opacity, 0.0) : 1.0;

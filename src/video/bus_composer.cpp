@@ -22,6 +22,20 @@ void BusComposer::compose(CanvasPainter& target, int slot, BusLook& look, double
   drawLayers(target, look, now, motion);
 }
 
+void BusComposer::composeBlend(CanvasPainter& target, CanvasPainter& scratch, Side from, Side to,
+                               MixTransition kind, double p, double now) {
+  if (p >= 1) {
+    compose(target, to.slot, to.look, now, to.motion);
+    return;
+  }
+  compose(target, from.slot, from.look, now, from.motion);
+  compose(scratch, to.slot, to.look, now, to.motion);
+  if (kind == MixTransition::slide)
+    target.blendOver(scratch, 1.0, int((1 - p) * target.canvas()->width()));
+  else
+    target.blendOver(scratch, p);
+}
+
 void BusComposer::drawSource(CanvasPainter& target, int slot, const PixelRect& frame,
                              std::optional<bool> fillOverride) {
   PixelBufferRef picture = asBGRA(slot, frames_->buffer(slot));

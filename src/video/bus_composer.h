@@ -34,6 +34,19 @@ class BusComposer {
   void compose(CanvasPainter& target, int slot, BusLook& look, double now,
                Motion motion = Motion::live);
 
+  // One side of a change between two pictures.
+  struct Side {
+    int slot;
+    BusLook& look;
+    Motion motion = Motion::live;
+  };
+  // The way from one picture to another at progress `p`: `to` faded in over `from`, or slid
+  // in from the right edge over it; `to` alone from 1 on. Both sides are composed in full, so
+  // each keeps moving with its own inset and overlays; `scratch`, of the target's size,
+  // holds the incoming side.
+  void composeBlend(CanvasPainter& target, CanvasPainter& scratch, Side from, Side to,
+                    MixTransition kind, double p, double now);
+
  private:
   void drawSource(CanvasPainter& target, int slot, const PixelRect& frame,
                   std::optional<bool> fillOverride);

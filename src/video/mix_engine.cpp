@@ -322,8 +322,8 @@ void MixEngine::emitProgram() {
   if (dissolving_) {
     const double p = std::min((now - dissolveStart_) / dissolveSeconds_, 1.0);
     if (p < 1) {
-      blend(target, dissolveFrom_, fromLook_, programSlot_, programLook_, BusComposer::Motion::live,
-            dissolveKind_, p, now);
+      blend(target, {dissolveFrom_, fromLook_}, {programSlot_, programLook_}, dissolveKind_, p,
+            now);
     } else {
       composer_.compose(target, programSlot_, programLook_, now);
       dissolving_ = false;
@@ -332,28 +332,21 @@ void MixEngine::emitProgram() {
     }
   } else if (manualProgress_ && previewSlot_ >= 1) {
     // The T-bar is a picture only: Program and Preview stay until it is let go.
-    blend(target, programSlot_, programLook_, previewSlot_, previewLook_,
-          BusComposer::Motion::settled, manualKind_, *manualProgress_, now);
+    blend(target, {programSlot_, programLook_},
+          {previewSlot_, previewLook_, BusComposer::Motion::settled}, manualKind_, *manualProgress_,
+          now);
   } else {
     composer_.compose(target, programSlot_, programLook_, now);
   }
   frames_->ingestMix(target.canvas());
 }
 
-void MixEngine::blend(CanvasPainter& target, int fromSlot, BusLook& fromLook, int toSlot,
-                      BusLook& toLook, BusComposer::Motion toMotion, MixTransition kind, double p,
-                      double now) {
-  if (p >= 1 || !blendScratch_) {
-    composer_.compose(target, toSlot, toLook, now, toMotion);
-    return;
-  }
-  // Both sides are composed live, each with its own inset and overlays.
-  composer_.compose(target, fromSlot, fromLook, now);
-  composer_.compose(*blendScratch_, toSlot, toLook, now, toMotion);
-  if (kind == MixTransition::slide)
-    target.blendOver(*blendScratch_, 1.0, int((1 - p) * target.canvas()->width()));
-  else
-    target.blendOver(*blendScratch_, p);
+void MixEngine::blend(CanvasPainter& target, BusComposer::Side from, BusComposer::Side to,
+                      MixTransition kind, double p, double now) {
+  if (blendScratch_)
+    composer_.composeBlend(target, *blendScratch_, from, to, kind, p, now);
+  else  // no memory for the incoming side: it shows at once
+    composer_.compose(target, to.slot, to.look, now, to.motion);
 }
 
 void MixEngine::emitPreview() {

@@ -95,8 +95,8 @@ class MixEngine final : public MixControl, public std::enable_shared_from_this<M
   template <class F>
   void forLooks(Bus bus, F change);
   // Program's picture while a transition runs or the T-bar is held: `from` under `to`.
-  void blend(CanvasPainter& target, int fromSlot, BusLook& fromLook, int toSlot, BusLook& toLook,
-             BusComposer::Motion toMotion, MixTransition kind, double p, double now);
+  void blend(CanvasPainter& target, BusComposer::Side from, BusComposer::Side to,
+             MixTransition kind, double p, double now);
   void reportBuses(std::optional<bool> dissolve);
   void makeRing();
   void recordTickTime(double milliseconds);

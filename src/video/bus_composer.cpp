@@ -11,10 +11,7 @@ BusComposer::BusComposer(std::shared_ptr<FrameHub> frames) : frames_(std::move(f
 
 void BusComposer::compose(CanvasPainter& target, int slot, BusLook& look, double now,
                           Motion motion) {
-  target.fill(kMixBackground);
-  const auto& canvas = *target.canvas();
-  if (slot >= 1)
-    drawSource(target, slot, {0, 0, double(canvas.width()), double(canvas.height())}, std::nullopt);
+  drawBackgroundAndSource(target, slot);
   // An inset showing the input already filling the frame is not drawn.
   if (look.pipOn && look.pipSlot >= 1 && look.pipSlot != slot) drawInset(target, look);
   if (!look.overlaysOn || look.layers.empty()) return;
@@ -36,16 +33,31 @@ void BusComposer::composeBlend(CanvasPainter& target, CanvasPainter& scratch, Si
     target.blendOver(scratch, p);
 }
 
-void BusComposer::drawSource(CanvasPainter& target, int slot, const PixelRect& frame,
-                             std::optional<bool> fillOverride) {
+void BusComposer::drawBackgroundAndSource(CanvasPainter& target, int slot) {
+  const PixelRect frame{0, 0, double(target.canvas()->width()), double(target.canvas()->height())};
+  if (auto placed = placeSource(slot, frame, std::nullopt))
+    target.drawOnBackground(*placed->picture, placed->placement, kMixBackground);
+  else
+    target.fill(kMixBackground);  // a slot without a picture shows the background
+}
+
+std::optional<BusComposer::PlacedSource> BusComposer::placeSource(
+    int slot, const PixelRect& frame, std::optional<bool> fillOverride) {
+  if (slot < 1) return std::nullopt;
   PixelBufferRef picture = asBGRA(slot, frames_->buffer(slot));
-  if (!picture) return;
+  if (!picture) return std::nullopt;
   const double w = picture->width(), h = picture->height();
   const ImageCrop shown = crops_.shown(slot);
-  const bool fill = fillsFrame(w, h, shown, fillOverride, fill_);
-  auto placement = fittedPlacement(w, h, frame, shown, fill);
-  if (!placement) return;
-  target.draw(*picture, *placement, frame);
+  auto placement =
+      fittedPlacement(w, h, frame, shown, fillsFrame(w, h, shown, fillOverride, fill_));
+  if (!placement) return std::nullopt;
+  return PlacedSource{std::move(picture), *placement};
+}
+
+void BusComposer::drawSource(CanvasPainter& target, int slot, const PixelRect& frame,
+                             std::optional<bool> fillOverride) {
+  if (auto placed = placeSource(slot, frame, fillOverride))
+    target.draw(*placed->picture, placed->placement, frame);
 }
 
 void BusComposer::drawInset(CanvasPainter& target, const BusLook& look) {
@@ -71,11 +83,23 @@ void BusComposer::drawLayers(CanvasPainter& target, const BusLook& look, double 
     const LayerDraw draw =
         placeOverlay(layer, frame, unit, moving ? layer.motion->kind : QvnOverlayMotion::none,
                      moving ? layer.progress(now) : 1.0);
-    target.drawTransformed(*layer.image, draw.toCanvas, draw.alpha, draw.keepWidth);
+    drawLayer(target, layer.image, draw);
     for (const OverlaySourceHole& hole : layer.holes)
       if (hole.slot >= 1)
         drawSource(target, hole.slot, sourceHoleRect(layer, hole, frame, unit), true);
   }
+}
+
+void BusComposer::drawLayer(CanvasPainter& target, const PixelBufferRef& image,
+                            const LayerDraw& draw) {
+  // A turned or scaled layer is laid down from its kept turned picture; a wipe cuts the
+  // picture before it turns, so a wiping one is turned afresh.
+  if (!draw.toCanvas.isTranslation() && draw.keepWidth >= image->width())
+    if (const auto turned = turnedLayers_.turned(image, draw.toCanvas); turned.picture) {
+      target.drawTransformed(*turned.picture, turned.toCanvas, draw.alpha, turned.picture->width());
+      return;
+    }
+  target.drawTransformed(*image, draw.toCanvas, draw.alpha, draw.keepWidth);
 }
 
 // Inputs that deliver 4:2:0 pictures are converted once per new picture into a recycled

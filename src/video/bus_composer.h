@@ -13,6 +13,8 @@
 #include "video/crop_easing.h"
 #include "video/frame_hub.h"
 #include "video/inset_painter.h"
+#include "video/overlay_geometry.h"
+#include "video/turned_layers.h"
 
 namespace qvn {
 
@@ -48,10 +50,20 @@ class BusComposer {
                     MixTransition kind, double p, double now);
 
  private:
+  struct PlacedSource {
+    PixelBufferRef picture;  // BGRA
+    Placement placement;
+  };
+  // The slot's newest picture placed in `frame`, fitted or filled; none without a picture
+  // or for one too small to place.
+  std::optional<PlacedSource> placeSource(int slot, const PixelRect& frame,
+                                          std::optional<bool> fillOverride);
+  void drawBackgroundAndSource(CanvasPainter& target, int slot);
   void drawSource(CanvasPainter& target, int slot, const PixelRect& frame,
                   std::optional<bool> fillOverride);
   void drawInset(CanvasPainter& target, const BusLook& look);
   void drawLayers(CanvasPainter& target, const BusLook& look, double now, Motion motion);
+  void drawLayer(CanvasPainter& target, const PixelBufferRef& image, const LayerDraw& draw);
   PixelBufferRef asBGRA(int slot, const PixelBufferRef& picture);
 
   std::shared_ptr<FrameHub> frames_;
@@ -59,6 +71,7 @@ class BusComposer {
   bool fill_ = false;
   CropEasing crops_;
   InsetPainter inset_;
+  TurnedLayers turnedLayers_;
   struct Conversion {
     std::unique_ptr<QvnPixelBufferPool> pool;
     PixelBufferRef from, to;  // the last picture converted and its BGRA copy

@@ -53,6 +53,13 @@ pixman_color_t premultiplied(const OverlayRGBA& c) {
           static_cast<uint16_t>(std::lround(c.a * 0xffff))};
 }
 
+// The same colour as one BGRA pixel in memory.
+std::uint32_t pixelOf(const OverlayRGBA& colour) {
+  const pixman_color_t c = premultiplied(colour);
+  return uint32_t(c.alpha >> 8) << 24 | uint32_t(c.red >> 8) << 16 | uint32_t(c.green >> 8) << 8 |
+         uint32_t(c.blue >> 8);
+}
+
 }  // namespace
 
 // The canvas's own wrapper, the wrappers of the pictures drawn lately, and a one-pixel
@@ -121,9 +128,7 @@ struct CanvasPainter::Image {
       solidPixel = pixman_image_create_bits(PIXMAN_a8r8g8b8, 1, 1, &solidValue, sizeof(uint32_t));
       pixman_image_set_repeat(solidPixel, PIXMAN_REPEAT_NORMAL);
     }
-    const pixman_color_t c = premultiplied(color);
-    solidValue = uint32_t(c.alpha >> 8) << 24 | uint32_t(c.red >> 8) << 16 |
-                 uint32_t(c.green >> 8) << 8 | uint32_t(c.blue >> 8);
+    solidValue = pixelOf(color);
     return solidPixel;
   }
 
@@ -168,20 +173,50 @@ void CanvasPainter::fill(const OverlayRGBA& color) {
   pixman_image_fill_boxes(PIXMAN_OP_SRC, image_->image, &c, 1, &box);
 }
 
+namespace {
+
+// Target pixels a scaled picture covers, limited to the clip and the canvas.
+BGRAScaler::Box landing(const PixelBuffer& picture, const Placement& p, const PixelRect& clip,
+                        const PixelBuffer& canvas) {
+  const double left = std::max({p.x, clip.x, 0.0});
+  const double top = std::max({p.y, clip.y, 0.0});
+  const double right =
+      std::min({p.x + picture.width() * p.scale, clip.x + clip.width, double(canvas.width())});
+  const double bottom =
+      std::min({p.y + picture.height() * p.scale, clip.y + clip.height, double(canvas.height())});
+  return {int(std::lround(left)), int(std::lround(top)), int(std::lround(right)),
+          int(std::lround(bottom))};
+}
+
+}  // namespace
+
 void CanvasPainter::draw(const PixelBuffer& picture, const Placement& placement,
                          const PixelRect& clip) {
   if (placement.scale <= 0) return;
-  // The destination is where the scaled picture lands, limited to the clip and the canvas.
-  const double left = std::max({placement.x, clip.x, 0.0});
-  const double top = std::max({placement.y, clip.y, 0.0});
-  const double right = std::min({placement.x + picture.width() * placement.scale,
-                                 clip.x + clip.width, double(canvas_->width())});
-  const double bottom = std::min({placement.y + picture.height() * placement.scale,
-                                  clip.y + clip.height, double(canvas_->height())});
-  const BGRAScaler::Box box{int(std::lround(left)), int(std::lround(top)), int(std::lround(right)),
-                            int(std::lround(bottom))};
   image_->scaler.draw(picture, *canvas_, {placement.scale, placement.x},
-                      {placement.scale, placement.y}, box, BGRAScaler::Mode::over);
+                      {placement.scale, placement.y}, landing(picture, placement, clip, *canvas_),
+                      BGRAScaler::Mode::over);
+}
+
+void CanvasPainter::drawOnBackground(const PixelBuffer& picture, const Placement& placement,
+                                     const OverlayRGBA& background) {
+  const int w = canvas_->width(), h = canvas_->height();
+  BGRAScaler::Box box = landing(picture, placement, {0, 0, double(w), double(h)}, *canvas_);
+  if (placement.scale <= 0 || box.right <= box.left || box.bottom <= box.top) box = {0, 0, 0, 0};
+  // The bars beside and above the picture; the picture paints the rest.
+  const pixman_color_t c = premultiplied(background);
+  const pixman_box32_t bars[] = {{0, 0, w, box.top},
+                                 {0, box.bottom, w, h},
+                                 {0, box.top, box.left, box.bottom},
+                                 {box.right, box.top, w, box.bottom}};
+  // One box a call: several at once would build a region on the heap.
+  for (const pixman_box32_t& bar : bars)
+    if (bar.x2 > bar.x1 && bar.y2 > bar.y1)
+      pixman_image_fill_boxes(PIXMAN_OP_SRC, image_->image, &c, 1, &bar);
+  if (box.right > box.left)
+    image_->scaler.draw(picture, *canvas_, {placement.scale, placement.x},
+                        {placement.scale, placement.y}, box, BGRAScaler::Mode::overColour,
+                        pixelOf(background));
 }
 
 void CanvasPainter::clear() {

@@ -27,6 +27,10 @@ class CanvasPainter {
   // Draws a BGRA premultiplied picture scaled and placed, limited to `clip`, over the canvas;
   // its edge pixels repeat outward to the clip, so a scaled border doesn't fade.
   void draw(const PixelBuffer& picture, const Placement& placement, const PixelRect& clip);
+  // The whole canvas: `background`, with the picture scaled and placed over it. Each pixel
+  // is written once where an opaque picture covers it.
+  void drawOnBackground(const PixelBuffer& picture, const Placement& placement,
+                        const OverlayRGBA& background);
   // Draws a BGRA premultiplied picture through `toCanvas` over the canvas, with its alpha
   // multiplied by `alpha` and only its leftmost `keepWidth` pixels kept (a wipe). Outside
   // the picture is transparent, and turned edges are smoothed.

@@ -54,6 +54,18 @@ BusLook insetOf(int slot, QvnPiPLayout layout) {
   return look;
 }
 
+TEST_F(Compose, ATranslucentSourceLiesOverTheBackgroundNotOverTheLastPicture) {
+  BusLook look;
+  draw(1, look);  // the target now holds red
+  hub->store(4, solid(160, 90, kBlue, 0.5));
+  draw(4, look);
+  EXPECT_TRUE(near(at(960, 540), {8, 9, 139}));  // half blue over the background
+  hub->store(5, solid(90, 160, kBlue));          // portrait: bars of background beside it
+  draw(5, look);
+  EXPECT_TRUE(near(at(10, 540), kBackground, 0));
+  EXPECT_TRUE(near(at(960, 540), kBlue));
+}
+
 // ---- Inset ------------------------------------------------------------------------------
 
 TEST_F(Compose, TheInsetLandsInEachCornerAndNeverShowsTheFullFrameInput) {

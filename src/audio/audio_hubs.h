@@ -22,6 +22,8 @@ class QvnAudioEngine {
   virtual void setMonitorDevice(const std::optional<std::string>& deviceID) = 0;
   // The device that plays Program's sound; none for the system default.
   virtual void setProgramOutput(const std::optional<std::string>& deviceID) = 0;
+  // The input whose sound goes with Program.
+  virtual void setProgramSlot(int slot) = 0;
   virtual void setMuted(bool muted, int sourceID) = 0;
   // Keeps the phones' WebRTC stack from playing sound on its own.
   virtual void suppressWebRTCPlayout() = 0;
@@ -64,6 +66,8 @@ class QvnExternalHub {
   virtual ~QvnExternalHub() = default;
   virtual void attach() = 0;
   virtual void reconcileDevices() = 0;
+  // Whether an external input of the studio records from this device.
+  virtual bool usesInputDevice(const std::string& deviceID) const = 0;
 };
 
 // Meter values on their way to the screen; main thread.

@@ -13,6 +13,7 @@ class QvnAudioEngineNotYetAvailable final : public QvnAudioEngine {
   void setMonitorVolume(double) override {}
   void setMonitorDevice(const std::optional<std::string>&) override {}
   void setProgramOutput(const std::optional<std::string>&) override {}
+  void setProgramSlot(int) override {}
   void setMuted(bool, int) override {}
   void suppressWebRTCPlayout() override {}
 };
@@ -43,6 +44,7 @@ class QvnExternalHubNotYetAvailable final : public QvnExternalHub {
  public:
   void attach() override {}
   void reconcileDevices() override {}
+  bool usesInputDevice(const std::string&) const override { return false; }
 };
 
 class QvnMeterBusNotYetAvailable final : public QvnMeterBus {

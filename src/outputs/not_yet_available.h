@@ -8,6 +8,7 @@ namespace qvn {
 class SessionRecorderNotYetAvailable final : public SessionRecorder {
  public:
   void detachTap(int) override {}
+  void followAudioSlot(int) override {}
 };
 
 class ProgramOutputNotYetAvailable final : public ProgramOutput {
@@ -16,6 +17,7 @@ class ProgramOutputNotYetAvailable final : public ProgramOutput {
   std::vector<std::string> extendedScreenIDs() const override { return {}; }
   std::vector<ExtendedOutput> extendedOutputs() const override { return {}; }
   void applyScreenLayout() override {}
+  void followProgram() override {}
 };
 
 class VirtualCameraControllerNotYetAvailable final : public VirtualCameraController {

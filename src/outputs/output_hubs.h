@@ -16,6 +16,8 @@ class SessionRecorder {
   // Recording started or stopped; the file when one was written. From the record queue.
   std::function<void(bool running, std::optional<std::filesystem::path> file)> onState;
   virtual void detachTap(int slot) = 0;
+  // A recording of Program follows the sound of the input on Program.
+  virtual void followAudioSlot(int slot) = 0;
 };
 
 // One full-screen output of Program on a display.
@@ -35,6 +37,8 @@ class ProgramOutput {
   virtual std::vector<std::string> extendedScreenIDs() const = 0;
   virtual std::vector<ExtendedOutput> extendedOutputs() const = 0;
   virtual void applyScreenLayout() = 0;
+  // Program outputs watch Program again, not a fixed input.
+  virtual void followProgram() = 0;
 };
 
 class VirtualCameraController {

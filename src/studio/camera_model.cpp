@@ -7,15 +7,10 @@
 
 #include "platform/defaults.h"
 #include "platform/net.h"
+#include "studio/camera_model_hop.h"
 #include "support/qvn_log.h"
 
 namespace qvn {
-
-// What callbacks hold instead of the model: weakly, so one that arrives after the model is
-// gone finds nothing and does nothing. Only the main thread creates, checks or drops it.
-struct CameraModel::Anchor {
-  CameraModel* model;
-};
 
 namespace {
 
@@ -40,17 +35,6 @@ std::vector<int> oneTo(int count) {
 }
 
 }  // namespace
-
-// Wraps model work as a hub callback: whatever thread the hub calls from, the work runs
-// later as a job on the main queue, in the order the hub called.
-template <class F>
-auto CameraModel::hop(F work) {
-  return [&main = main_, anchor = std::weak_ptr(anchor_), work](auto... args) {
-    main.async([anchor, work, args...] {
-      if (auto alive = anchor.lock()) work(*alive->model, args...);
-    });
-  };
-}
 
 CameraModel::CameraModel(StudioContext context)
     : slots(emptySlots()),
@@ -124,10 +108,8 @@ void CameraModel::wireHubs() {
       });
 
   h.mix->onDissolve = hop([](CameraModel& m, bool value) { m.dissolving = value; });
-  h.mix->onBusChanged = hop([](CameraModel& m, int program, int preview) {
-    m.programSlot = program;
-    m.previewSlot = preview;
-  });
+  h.mix->onBusChanged =
+      hop([](CameraModel& m, int program, int preview) { m.busChanged(program, preview); });
   h.frames->onFirstFrame = hop([](CameraModel& m, int slot) {
     if (m.waitingForPicture().contains(slot))
       m.waitingForPicture.modify([&](auto& s) { s.erase(slot); });
@@ -205,7 +187,7 @@ void CameraModel::start() {
   // 7
   hubs_.mix->start();
   // 8
-  setProgramOutput(programOutputID());
+  applyProgramOutput(programOutputID());  // the stored device, nothing new to save
   // 9
   hubs_.mix->setFill(mixFill());
   // 10

@@ -21,6 +21,7 @@
 #include "outputs/record_options.h"
 #include "phones/camera_caps.h"
 #include "platform/dispatch.h"
+#include "studio/key_action.h"
 #include "studio/observable.h"
 #include "studio/studio_hubs.h"
 #include "studio/studio_values.h"
@@ -104,6 +105,50 @@ class CameraModel {
   void setSourceMuted(const CameraSlot& row, bool value);
   bool audioMuted(const CameraSlot& row) const;
   bool newInputsStartMuted() const;
+  bool isLive(int slot) const;
+  // The live inputs in the order the operator sees them.
+  std::vector<int> liveInDisplayOrder() const;
+
+  // ---- Program and Preview --------------------------------------------------------------
+  // The generic "this input": Preview in Studio style, Program in Single style.
+  void selectCamera(int slot);
+  void setPreview(int slot);
+  // Straight to Program; a row that isn't live does nothing.
+  void take(int slot, MixTransition kind);
+  // Take: Preview to Program. Refused (with a toast) while Preview has shown no picture.
+  void takePreview(MixTransition kind);
+  bool canTake() const;
+  // The T-bar: held at a progress, then let go; half way or more takes.
+  void moveTBar(double progress);
+  void releaseTBar();
+  void didCommitTake(int slot);
+  void cycleHero(bool forward);
+  void cyclePreview(bool forward);
+  void fillEmptyPreview();
+  // The style switch's own action; `applyStudioMode` follows any change of the style.
+  void chooseStudioMode(bool on);
+  void applyStudioMode();
+  // Studio style: edit Program directly instead of Preview. Runs `applyEditProgram` when
+  // the flag really changes.
+  void setEditProgram(bool on);
+  void applyEditProgram();
+  MixControl::Bus editBus() const;
+  std::string editTargetName() const;
+  void setDissolveSeconds(double seconds);
+  void setProgramOutput(const std::optional<std::string>& deviceID);
+  // Keys and menu items; true when the action was taken up.
+  bool perform(const QvnKeyAction& action);
+
+  // ---- Picture-in-picture ---------------------------------------------------------------
+  PiPState currentPiP() const;
+  void applyPiPState(const PiPState& state);
+  void setPiP(std::optional<bool> enabled, std::optional<int> slot = std::nullopt,
+              std::optional<PiPCorner> corner = std::nullopt);
+  void pushPiP();
+  // Both buses start alike after a restore.
+  void syncPiPToBothPictures();
+  bool canSwapPiP() const;
+  void swapPiP();
 
   // ---- Observable state -----------------------------------------------------------------
   // Input slots
@@ -270,19 +315,26 @@ class CameraModel {
   void loadPiPSettings();
   void loadAudioSettings();
   void loadOverlaySettings();
+  void busChanged(int program, int preview);
+  void followOverlayStore();
+  void applyProgramOutput(const std::optional<std::string>& deviceID);
+  int swapPartner() const;
+  bool performCommand(QvnKeyCommand command);
 
   // Operations whose subsystems are not built yet; start-up calls them in their places.
   void applyMonitorRouting();
   void syncAuxOutput();
   void applyCueMix();
-  void applyStudioMode();
-  void syncPiPToBothPictures();
-  void setProgramOutput(const std::optional<std::string>& deviceID);
-  void fillEmptyPreview();
   void installKeyMonitor();
   void restoreSession();
   void applyFirstLaunchAudio();
   void loadScenes();
+  bool recallSceneForKey(int functionKey);
+  bool performDeckAction(QvnDeckAction action);
+  void captureStill(int slot);
+  void captureAllStills();
+  void toggleRecording();
+  void flip(int slot);
 
   MainQueue& main_;
   Defaults& settings_;

@@ -1,5 +1,5 @@
 // CameraModel: operations that belong to features built beside the studio core (audio
-// routing, switching, the inset, the key commands, scenes, session restore). Start-up and the
+// routing, scenes, media decks, stills and recording, session restore). Start-up and the
 // slot rules call them in their places; each does nothing until its feature exists.
 #include "studio/camera_model.h"
 
@@ -8,17 +8,19 @@ namespace qvn {
 void CameraModel::applyMonitorRouting() {}
 void CameraModel::syncAuxOutput() {}
 void CameraModel::applyCueMix() {}
-void CameraModel::applyStudioMode() {}
-void CameraModel::syncPiPToBothPictures() {}
-void CameraModel::fillEmptyPreview() {}
 void CameraModel::restoreSession() {}
 void CameraModel::applyFirstLaunchAudio() {}
 void CameraModel::loadScenes() {}
-
-// Program's sound plays on the chosen device.
-void CameraModel::setProgramOutput(const std::optional<std::string>& deviceID) {
-  hubs_.audio->setProgramOutput(deviceID);
+bool CameraModel::recallSceneForKey(int) {
+  return false;  // no scenes yet
 }
+bool CameraModel::performDeckAction(QvnDeckAction) {
+  return false;  // no media decks yet
+}
+void CameraModel::captureStill(int) {}
+void CameraModel::captureAllStills() {}
+void CameraModel::toggleRecording() {}
+void CameraModel::flip(int) {}
 
 // The key commands act through the window's key monitor.
 void CameraModel::installKeyMonitor() {

@@ -1,4 +1,5 @@
 // CameraModel: the settings it loads at start and saves after every change of a setting.
+#include <algorithm>
 #include <charconv>
 #include <sstream>
 #include <type_traits>
@@ -194,15 +195,13 @@ void CameraModel::loadSettings() {
   hubs_.mix->setCanvas(canvas.width, canvas.height);
   // 3
   if (auto seconds = s.real("qvn.transitionSeconds")) {
-    dissolveSeconds = *seconds;
-    hubs_.mix->setTransitionDuration(*seconds);
+    dissolveSeconds = std::clamp(*seconds, 0.1, 5.0);
+    hubs_.mix->setTransitionDuration(dissolveSeconds());
   }
   load(s, "qvn.mixTransition", mixTransition);
   // 4
-  if (auto value = s.boolean("qvn.studioMode")) {
-    studioMode = *value;
-    applyStudioMode();
-  }
+  load(s, "qvn.studioMode", studioMode);
+  applyStudioMode();
   load(s, "qvn.afterTake", afterTakeSwap);
   // 5
   loadPiPSettings();

@@ -33,6 +33,7 @@ StudioHubs StudioHubs::make() {
       .screenCapture = std::make_shared<ScreenCaptureHubNotYetAvailable>(),
       .ndi = std::make_shared<NDIHubNotYetAvailable>(),
       .recorder = std::make_shared<SessionRecorderNotYetAvailable>(),
+      .publisher = std::make_shared<GoLivePublisherNotYetAvailable>(),
       .programOutput = std::make_shared<ProgramOutputNotYetAvailable>(),
       .virtualCamera = std::make_shared<VirtualCameraControllerNotYetAvailable>(),
       .wirelessBrowser = std::make_shared<WirelessDisplayBrowserNotYetAvailable>(),

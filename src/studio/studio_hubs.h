@@ -6,6 +6,7 @@
 
 #include "audio/audio_hubs.h"
 #include "cloud/cloud_account.h"
+#include "golive/go_live_publisher.h"
 #include "inputs/capture_hubs.h"
 #include "inputs/media_library.h"
 #include "outputs/output_hubs.h"
@@ -27,6 +28,7 @@ struct StudioHubs {
   std::shared_ptr<ScreenCaptureHub> screenCapture;
   std::shared_ptr<NDIHub> ndi;
   std::shared_ptr<SessionRecorder> recorder;
+  std::shared_ptr<GoLivePublisher> publisher;
   std::shared_ptr<ProgramOutput> programOutput;
   std::shared_ptr<VirtualCameraController> virtualCamera;
   std::shared_ptr<WirelessDisplayBrowser> wirelessBrowser;

@@ -32,8 +32,6 @@ class MixEngine final : public MixControl, public std::enable_shared_from_this<M
   static constexpr int kRingSize = 3;
   static constexpr int kStatsEveryTicks = 90;
 
-  enum class Bus { program, preview, both };
-
   static std::shared_ptr<MixEngine> make(std::shared_ptr<FrameHub> frames);
   ~MixEngine() override;
 
@@ -49,26 +47,24 @@ class MixEngine final : public MixControl, public std::enable_shared_from_this<M
   void clearIf(int slot, std::vector<int> live) override;
   void setImageCrop(int slot, ImageCrop crop, bool snap) override;
 
-  void setHoldPreview(bool on);
-  void setPreviewVisible(bool on);
+  void setHoldPreview(bool on) override;
+  void setPreviewVisible(bool on) override;
   void setPreviewFullSize(bool on);
-  void setPreview(int slot);
-  void setPiP(bool on, int slot, const QvnPiPLayout& layout, Bus bus);
+  void setPreview(int slot) override;
+  void setPiP(bool on, int slot, const QvnPiPLayout& layout, Bus bus) override;
   // Finished layers from the overlay store: merged into the chosen looks at this moment, so
   // layers that went away play their exit and new ones their entrance.
   void setOverlayLayers(bool on, std::vector<OverlayLayer> layers, Bus bus);
   // Moves layers without new pictures.
   void setOverlayPlacements(bool on, std::vector<OverlayPlacement> placements, Bus bus);
-  // Program goes straight to an input; nothing for a slot below 1.
-  void switchTo(int slot, MixTransition kind);
-  // Preview's source and look go to Program; with `swap`, the old Program goes to Preview.
-  void takePreview(MixTransition kind, bool swap);
+  void switchTo(int slot, MixTransition kind) override;
+  void takePreview(MixTransition kind, bool swap) override;
   // The T-bar held at `progress` (0..1, clamped here): Program shows the way to Preview's
   // source and settled look. Ignored while a transition runs or without a Preview source.
-  void setManual(double progress, MixTransition kind);
+  void setManual(double progress, MixTransition kind) override;
   // The T-bar let go: with `commit` and a Preview source, the change runs the rest of the
   // way from where the hand left it. `completion` says whether it was taken, on the mix queue.
-  void endManual(bool commit, bool swap, std::function<void(bool taken)> completion);
+  void endManual(bool commit, bool swap, std::function<void(bool taken)> completion) override;
   // A picture arrived on an input: the first input to deliver one goes to Program by itself.
   // Any thread; costs one atomic read while Program is occupied.
   void noteIncoming(int slot);

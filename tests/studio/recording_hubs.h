@@ -98,7 +98,16 @@ QVN_HUB(RecMix, MixControl, QVN_REC(void, start, ()) QVN_REC(void, setFill, (boo
   QVN_REC(void, setCanvas, (int w, int h), word(w) + "x" + word(h))
   QVN_REC(void, setTransitionDuration, (double s), s)
   QVN_REC(void, clearIf, (int slot, std::vector<int> live), slot, live)
-  QVN_REC(void, setImageCrop, (int slot, ImageCrop c, bool snap), slot, c.zoom, c.panX, c.panY, snap))
+  QVN_REC(void, setImageCrop, (int slot, ImageCrop c, bool snap), slot, c.zoom, c.panX, c.panY, snap)
+  QVN_REC(void, setHoldPreview, (bool on), on) QVN_REC(void, setPreviewVisible, (bool on), on)
+  QVN_REC(void, setPreview, (int slot), slot)
+  QVN_REC(void, switchTo, (int slot, MixTransition kind), slot, std::string(enumText(kind)))
+  QVN_REC(void, takePreview, (MixTransition kind, bool swap), std::string(enumText(kind)), swap)
+  QVN_REC(void, setManual, (double p, MixTransition kind), p, std::string(enumText(kind)))
+  void endManual(bool commit, bool swap, std::function<void(bool)> done) override {
+    rec("endManual", commit, swap); if (done) done(commit); }
+  QVN_REC(void, setPiP, (bool on, int slot, const QvnPiPLayout& layout, Bus bus), on, slot,
+          layout.x, layout.y, std::string(bus == Bus::both ? "both" : bus == Bus::program ? "program" : "preview")))
 QVN_HUB(RecFrames, FrameHub, std::set<int> withFrame; QVN_REC(void, clear, (int slot), slot)
   bool hasFrame(int slot) const override { return rec("hasFrame", slot), withFrame.contains(slot); })
 QVN_LOCAL(RecLocalCapture, LocalCaptureHub, std::vector<Device> devices{{"cam-1", "Desk Cam"}};
@@ -116,17 +125,20 @@ QVN_LOCAL(RecMedia, MediaSourceHub, std::map<int, bool> decks;  // slot to the d
 QVN_LOCAL(RecScreenCapture, ScreenCaptureHub, QVN_REC(void, start, (const Target& target, int slot), target.id, slot))
 QVN_LOCAL(RecNDI, NDIHub, std::optional<std::string> start(const NDISourceItem& source, int slot) override {
   return rec("start", source.name, slot), std::nullopt; })
-QVN_HUB(RecRecorder, SessionRecorder, QVN_REC(void, detachTap, (int slot), slot))
+QVN_HUB(RecRecorder, SessionRecorder, QVN_REC(void, detachTap, (int slot), slot)
+  QVN_REC(void, followAudioSlot, (int slot), slot))
+QVN_HUB(RecPublisher, GoLivePublisher, QVN_REC(void, setProgramSlot, (int slot), slot))
 QVN_HUB(RecProgramOutput, ProgramOutput, QVN_GET(int, extendedCount, 0)
   QVN_GET(std::vector<std::string>, extendedScreenIDs, std::vector<std::string>{})
   QVN_GET(std::vector<ExtendedOutput>, extendedOutputs, std::vector<ExtendedOutput>{})
-  QVN_REC(void, applyScreenLayout, ()))
+  QVN_REC(void, applyScreenLayout, ()) QVN_REC(void, followProgram, ()))
 QVN_HUB(RecVirtualCamera, VirtualCameraController, QVN_REC(void, refresh, ()))
 QVN_HUB(RecAudio, QvnAudioEngine, QVN_GET(bool, isRunning, false) QVN_REC(void, restart, ())
   QVN_REC(void, setMonitorEnabled, (bool on), on) QVN_REC(void, setMonitorVolume, (double v), v)
   QVN_REC(void, setMonitorDevice, (const std::optional<std::string>& id), id)
   QVN_REC(void, setProgramOutput, (const std::optional<std::string>& id), id)
-  QVN_REC(void, setMuted, (bool m, int source), m, source) QVN_REC(void, suppressWebRTCPlayout, ()))
+  QVN_REC(void, setMuted, (bool m, int source), m, source) QVN_REC(void, suppressWebRTCPlayout, ())
+  QVN_REC(void, setProgramSlot, (int slot), slot))
 QVN_HUB(RecAudioDevices, QvnAudioDevices,
   std::vector<QvnAudioDevice> inputs() override { return rec("inputs"), std::vector<QvnAudioDevice>{}; }
   std::vector<QvnAudioDevice> outputs() override { return rec("outputs"), std::vector<QvnAudioDevice>{}; }
@@ -134,12 +146,18 @@ QVN_HUB(RecAudioDevices, QvnAudioDevices,
 QVN_HUB(RecMasterInput, QvnMasterAudioInput, QVN_REC(void, stop, ()))
 QVN_HUB(RecMonitorMixer, QvnMonitorMixer, QVN_REC(void, setVolume, (double v), v))
 QVN_HUB(RecAuxOutput, QvnAuxOutput, QVN_REC(void, setVolume, (double v), v))
-QVN_HUB(RecExternalHub, QvnExternalHub, QVN_REC(void, attach, ()) QVN_REC(void, reconcileDevices, ()))
+QVN_HUB(RecExternalHub, QvnExternalHub, std::set<std::string> inputDevices;
+  QVN_REC(void, attach, ()) QVN_REC(void, reconcileDevices, ())
+  bool usesInputDevice(const std::string& id) const override { return rec("usesInputDevice", id), inputDevices.contains(id); })
 QVN_HUB(RecMeterBus, QvnMeterBus, QVN_REC(void, pushMaster, (std::vector<float> levels), levels)
   QVN_REC(void, pushMix, (std::vector<float> levels), levels) QVN_REC(void, clear, (int slot), slot))
 QVN_HUB(RecMediaLibrary, QvnMediaLibrary, QVN_REC(void, ensureFolders, ())
   std::vector<LibraryItem> items() override { return rec("items"), std::vector<LibraryItem>{}; })
-QVN_HUB(RecOverlays, OverlayStore, QVN_REC(void, setEnabled, (bool on), on)
+QVN_HUB(RecOverlays, OverlayStore, bool isEnabled = false;
+  bool enabled() const override { return rec("enabled"), isEnabled; }
+  void setEnabled(bool on) override { rec("setEnabled", on), isEnabled = on; }
+  QVN_REC(void, setStudioMode, (bool on), on) QVN_REC(void, setEditProgram, (bool on), on)
+  QVN_REC(void, didTake, ())
   QVN_REC(void, pushToMix, (bool rerender), rerender) QVN_REC(void, migrateLegacyOverlaysIfNeeded, ()))
 QVN_HUB(RecCloud, QvnCloudAccount, LivePhase phase = LivePhase::idle; bool isPublishing = false;
   QVN_REC(void, restore, ()) QVN_GET(LivePhase, livePhase, phase) QVN_GET(bool, publishing, isPublishing)
@@ -165,7 +183,7 @@ QVN_HUB(RecLifecycle, AppLifecycle,
 
 #define QVN_RECORDING_HUBS(X) \
   X(signaling, RecSignaling) X(mix, RecMix) X(frames, RecFrames) X(localCapture, RecLocalCapture) \
-  X(media, RecMedia) X(screenCapture, RecScreenCapture) X(ndi, RecNDI) X(recorder, RecRecorder) \
+  X(media, RecMedia) X(screenCapture, RecScreenCapture) X(ndi, RecNDI) X(recorder, RecRecorder) X(publisher, RecPublisher) \
   X(programOutput, RecProgramOutput) X(virtualCamera, RecVirtualCamera) \
   X(wirelessBrowser, Rec<WirelessDisplayBrowser>) X(audio, RecAudio) X(audioDevices, RecAudioDevices) \
   X(masterInput, RecMasterInput) X(monitorMixer, RecMonitorMixer) X(auxOutput, RecAuxOutput) \

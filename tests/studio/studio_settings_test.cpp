@@ -213,6 +213,17 @@ TEST_F(StudioSettings, OddStoredValuesLoadByTheirRules) {
   EXPECT_EQ(n.audibleSlotOverride(), 2);
 }
 
+TEST_F(StudioSettings, AProgramOutputThatIsAlsoAnInputWarnsOfFeedback) {
+  CameraModel& m = start();
+  hubs.externalHub->inputDevices = {"usb-desk"};
+  m.setProgramOutput("usb-desk");
+  EXPECT_TRUE(m.programFeedbackWarning());
+  EXPECT_EQ(store->text("qvn.programOutputID"), "usb-desk");
+  m.setProgramOutput(std::nullopt);
+  EXPECT_FALSE(m.programFeedbackWarning());
+  EXPECT_TRUE(trace.has("audio.setProgramOutput none"));
+}
+
 TEST_F(StudioSettings, NothingIsSavedWhileLoadingAndAudioSavesCoalesce) {
   CameraModel& m = build();
   bool askedDuringLoad = false;

@@ -263,8 +263,13 @@ TEST_F(StudioSlots, HeroLabelsAndMute) {
   EXPECT_EQ(m.heroSlot(), std::nullopt);
   m.slotsDidChange(phoneRows({2, 5}));
   EXPECT_EQ(m.heroSlot()->index, 2);
+  trace.calls.clear();
   hubs.mix->onBusChanged(5, 2);
   main.drain();
+  // Recorder, stream, sound and screens follow the input on Program.
+  EXPECT_EQ(trace.calls,
+            (std::vector<std::string>{"recorder.followAudioSlot 5", "publisher.setProgramSlot 5",
+                                      "audio.setProgramSlot 5", "programOutput.followProgram"}));
   EXPECT_EQ(m.heroSlot()->index, 5);
   EXPECT_EQ(m.selectedSlot()->index, 2);
   m.programSlot = 7;  // not live

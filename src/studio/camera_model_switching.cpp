@@ -199,10 +199,10 @@ void CameraModel::applyEditProgram() {
   QvnLog::line(editProgram() ? "editing Program" : "editing Preview");
 }
 
-// The overlay switch shows the store's state for the bus now edited.
+// The overlay switch shows the store's state for the bus now edited; the settings saved
+// next keep it.
 void CameraModel::followOverlayStore() {
   overlaysOn = hubs_.overlays->enabled();
-  hubs_.overlays->setEnabled(overlaysOn());
 }
 
 MixControl::Bus CameraModel::editBus() const {

@@ -31,10 +31,9 @@ TEST_F(StudioLifecycle, StartBringsTheStudioUpInItsFixedOrderOnce) {
       "signaling.setPin " + m.pin(), "signaling.setAcceptNewDevices true",
       // settings, before any engine starts
       "mix.setCanvas 1920x1080", "mix.setHoldPreview true", "mix.setPreviewVisible true",
-      "overlays.setStudioMode true", "overlays.enabled", "overlays.setEnabled false",
-      "mix.setPiP false 0 0.84 0.79 preview", "masterInput.stop", "meterBus.pushMaster []",
-      "masterInput.stop", "monitorMixer.setVolume 1", "media.setVolume 1",
-      "audio.suppressWebRTCPlayout", "audio.setMonitorDevice none",
+      "overlays.setStudioMode true", "overlays.enabled", "mix.setPiP false 0 0.84 0.79 preview",
+      "masterInput.stop", "meterBus.pushMaster []", "masterInput.stop", "monitorMixer.setVolume 1",
+      "media.setVolume 1", "audio.suppressWebRTCPlayout", "audio.setMonitorDevice none",
       "mix.setPiP false 0 0.84 0.79 both", "overlays.migrateLegacyOverlaysIfNeeded",
       "overlays.setEnabled false", "overlays.pushToMix true",
       // engines and hubs

@@ -92,14 +92,16 @@ void AudioMix::write(int index, const float* frames, int count) {
     count = kRingFrames;
   }
   const std::int64_t w = s.wIdx.load(std::memory_order_relaxed);
+  // Seeing the reader's cursor orders its past reads before these writes; the writer never
+  // waits on it all the same.
+  const std::int64_t r = s.rIdx.load(std::memory_order_acquire);
   for (int i = 0; i < count; ++i) {
     const size_t at = 2 * size_t((w + i) % kRingFrames);
     s.ring[at] = frames[2 * i];
     s.ring[at + 1] = frames[2 * i + 1];
   }
   s.wIdx.store(w + count, std::memory_order_release);
-  if (w + count - s.rIdx.load(std::memory_order_acquire) > kRingFrames)
-    s.over.fetch_add(1, std::memory_order_relaxed);
+  if (w + count - r > kRingFrames) s.over.fetch_add(1, std::memory_order_relaxed);
   put(s.active, 1);
 }
 
@@ -268,6 +270,10 @@ void AudioMix::finishBuses(int n, float* left, float* right) {
   const std::int64_t sw = stream_->write.load(std::memory_order_relaxed);
   const std::int64_t rw = record_->write.load(std::memory_order_relaxed);
   const std::int64_t pw = program_->write.load(std::memory_order_relaxed);
+  // As for the source rings: the readers' cursors order their reads before these writes.
+  (void)stream_->read.load(std::memory_order_acquire);
+  (void)record_->read.load(std::memory_order_acquire);
+  (void)program_->read.load(std::memory_order_acquire);
   for (int f = 0; f < n; ++f) {
     g += (target - g) * kRamp;
     const size_t i = 2 * size_t(f);

@@ -1,5 +1,6 @@
 #include "studio/studio_hubs.h"
 
+#include "audio/audio_engine.h"
 #include "audio/not_yet_available.h"
 #include "inputs/not_yet_available.h"
 #include "outputs/not_yet_available.h"
@@ -37,7 +38,7 @@ StudioHubs StudioHubs::make() {
       .programOutput = std::make_shared<ProgramOutputNotYetAvailable>(),
       .virtualCamera = std::make_shared<VirtualCameraControllerNotYetAvailable>(),
       .wirelessBrowser = std::make_shared<WirelessDisplayBrowserNotYetAvailable>(),
-      .audio = std::make_shared<QvnAudioEngineNotYetAvailable>(),
+      .audio = AudioEngine::make(),
       .audioDevices = std::make_shared<QvnAudioDevicesNotYetAvailable>(),
       .masterInput = std::make_shared<QvnMasterAudioInputNotYetAvailable>(),
       .monitorMixer = std::make_shared<QvnMonitorMixerNotYetAvailable>(),

@@ -1,0 +1,80 @@
+// The studio's one audio mix with its outputs: the monitor on the operator's device (or on
+// the null clock when no sound server answers), the optional Program device, and the stream
+// and record buses delivered to their consumers every 4 ms on "io.quorvane.audio.bus".
+//
+// Threads: setters and `restart` from any thread, under the control lock; `ingest` from one
+// producer thread per source; consumers are called on the bus queue and must return quickly.
+#pragma once
+
+#include <array>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "audio/audio_hubs.h"
+#include "audio/audio_mix.h"
+#include "audio/pcm_buffer.h"
+#include "audio/pcm_converter.h"
+#include "platform/audio_io.h"
+#include "platform/dispatch.h"
+
+namespace qvn {
+
+class AudioEngine final : public QvnAudioEngine, public std::enable_shared_from_this<AudioEngine> {
+ public:
+  using Consumer = AudioMix::Consumer;
+  static constexpr double kDrainSeconds = 0.004;
+
+  // Built stopped; the first `restart` starts it.
+  static std::shared_ptr<AudioEngine> make();
+  ~AudioEngine() override;
+
+  // ---- QvnAudioEngine
+  bool isRunning() const override;
+  void restart() override;
+  void setMonitorEnabled(bool on) override;
+  void setMonitorVolume(double volume) override;
+  void setMonitorDevice(const std::optional<std::string>& deviceID) override;
+  void setProgramOutput(const std::optional<std::string>& deviceID) override;
+  void setProgramSlot(int slot) override;
+  void setMuted(bool muted, int sourceID) override;
+  // Phone sound reaches the mix through its tap; there is no other playout to silence.
+  void suppressWebRTCPlayout() override {}
+
+  // ---- Sources, by id (1–16 slots, 101–105 external inputs)
+  void ingest(int id, const PCMView& pcm);
+  void setSolo(bool on, int id);
+  void setPan(float pan, int id);
+  void setGainLinear(float gain, int id);
+  void setSourceActive(bool on, int id);
+
+  // "record" names the record bus, any other name the stream bus; a null consumer leaves,
+  // and is never called again once this returns. Adding one starts the engine when it
+  // isn't running.
+  void addBusConsumer(const std::string& name, Consumer consumer);
+
+  AudioMix& mix() { return *mix_; }
+
+ private:
+  AudioEngine();
+  void drainNow();
+
+  std::unique_ptr<AudioMix> mix_;
+  std::array<std::unique_ptr<PCMConverter>, AudioMix::kSources> converters_;
+
+  mutable std::mutex controlLock_;
+  std::optional<std::string> monitorUID_;
+  bool started_ = false;
+  bool loggedFirst_ = false;
+  std::unique_ptr<AudioOutput> output_;
+  std::unique_ptr<AudioOutput> programOutput_;
+
+  std::mutex consumerLock_;
+  std::map<std::string, Consumer> streamConsumers_, recordConsumers_;
+  std::unique_ptr<SerialQueue> busQueue_;
+  RepeatingTimer drainTimer_;
+};
+
+}  // namespace qvn

@@ -1,0 +1,43 @@
+// Brings any PCM to the mix's format, 48 kHz interleaved stereo float: the usual format by
+// copying, any other through a resampler kept for as long as the format stays. One per
+// source; used by that source's producer thread only.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "audio/pcm_buffer.h"
+
+struct SwrContext;
+
+namespace qvn {
+
+class PCMConverter {
+ public:
+  static constexpr int kMaxFrames = 8192;
+
+  PCMConverter();
+  ~PCMConverter();
+  PCMConverter(const PCMConverter&) = delete;
+  PCMConverter& operator=(const PCMConverter&) = delete;
+
+  // The converted frames, at most 8192; none when the format can't be converted. The
+  // result stays valid until the next call.
+  const float* convert(const PCMView& pcm, int& frames);
+
+ private:
+  struct FormatKey {
+    int rate = 0;
+    int channels = 0;
+    SampleFormat format = SampleFormat::float32;
+    bool interleaved = true;
+    bool operator==(const FormatKey&) const = default;
+  };
+  bool rebuild(const FormatKey& key);
+
+  std::vector<float> out_;
+  FormatKey key_;
+  SwrContext* swr_ = nullptr;
+};
+
+}  // namespace qvn

@@ -7,6 +7,8 @@
 #pragma once
 
 #include <array>
+#include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -15,12 +17,15 @@
 
 #include "audio/audio_hubs.h"
 #include "audio/audio_mix.h"
+#include "audio/audio_snapshot.h"
 #include "audio/pcm_buffer.h"
 #include "audio/pcm_converter.h"
 #include "platform/audio_io.h"
 #include "platform/dispatch.h"
 
 namespace qvn {
+
+class Defaults;
 
 class AudioEngine final : public QvnAudioEngine, public std::enable_shared_from_this<AudioEngine> {
  public:
@@ -57,14 +62,41 @@ class AudioEngine final : public QvnAudioEngine, public std::enable_shared_from_
 
   AudioMix& mix() { return *mix_; }
 
+  // ---- External inputs riding with the slot on air
+  void setAccompany(bool on, int externalID, int slot);
+  void clearAccompany(int externalID);
+  bool accompanies(int externalID, int slot) const;
+  // The routing lives in the settings under "qvn.externalAccompany"; read once, written on
+  // every change.
+  void attachSettings(Defaults& settings);
+
+  // ---- Meters: one snapshot now, and every 1/15 s on `main` from here on.
+  QvnAudioSnapshot publishNow();
+  void startPublishing(Queue& main, std::function<void(const QvnAudioSnapshot&)> onSnapshot);
+
  private:
+  // The control side's mirror of a source. Under the control lock.
+  struct SourceMeta {
+    std::string name, kind;
+    bool active = false, muted = false, solo = false;
+    float gain = 1, pan = 0;
+    bool routeStream = true, routeMonitor = true, routeRecord = true;
+    std::uint16_t accompany = 0;
+  };
   AudioEngine();
   void drainNow();
+  SourceMeta& meta(int id);  // caller holds controlLock_
+  void persistRouting();     // caller holds controlLock_
 
   std::unique_ptr<AudioMix> mix_;
   std::array<std::unique_ptr<PCMConverter>, AudioMix::kSources> converters_;
 
   mutable std::mutex controlLock_;
+  std::map<int, SourceMeta> meta_;
+  std::map<int, std::array<float, 2>> peakHold_, rmsHold_;
+  Defaults* settings_ = nullptr;
+  std::array<std::atomic<double>, AudioMix::kSources> lastIngest_{};
+  RepeatingTimer publishTimer_;
   std::optional<std::string> monitorUID_;
   bool started_ = false;
   bool loggedFirst_ = false;

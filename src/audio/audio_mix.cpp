@@ -155,6 +155,7 @@ void AudioMix::setMonitorGain(float linear) {
 // ---- Rendering ------------------------------------------------------------------------------
 
 void AudioMix::render(int frames, float* left, float* right) {
+  const auto started = std::chrono::steady_clock::now();
   const int n = std::clamp(frames, 0, kMaxBlock);
   std::fill_n(monitorSum_.begin(), 2 * n, 0.0f);
   std::fill_n(streamSum_.begin(), 2 * n, 0.0f);
@@ -168,6 +169,10 @@ void AudioMix::render(int frames, float* left, float* right) {
     if (get(sources_[size_t(i)].active)) mixSource(sources_[size_t(i)], i, n, soloing);
   finishBuses(n, left, right);
   streamFrames_.fetch_add(n, std::memory_order_relaxed);
+  if (n > 0) {
+    const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - started;
+    put(renderLoad_, spent.count() / (double(n) / kRate));
+  }
 }
 
 void AudioMix::mixSource(Source& s, int index, int n, bool soloing) {
@@ -274,19 +279,32 @@ void AudioMix::finishBuses(int n, float* left, float* right) {
   (void)stream_->read.load(std::memory_order_acquire);
   (void)record_->read.load(std::memory_order_acquire);
   (void)program_->read.load(std::memory_order_acquire);
+  std::array<float, 6> peak{}, sum{};
+  auto meter = [&](int k, float v) {
+    peak[size_t(k)] = std::max(peak[size_t(k)], std::abs(v));
+    sum[size_t(k)] += v * v;
+  };
   for (int f = 0; f < n; ++f) {
     g += (target - g) * kRamp;
     const size_t i = 2 * size_t(f);
-    if (left) left[f] = limit(monitorSum_[i] * g);
-    if (right) right[f] = limit(monitorSum_[i + 1] * g);
+    const float ml = limit(monitorSum_[i] * g), mr = limit(monitorSum_[i + 1] * g);
+    if (left) left[f] = ml;
+    if (right) right[f] = mr;
     const float sl = limit(streamSum_[i]), sr = limit(streamSum_[i + 1]);
+    const float rl = limit(recordSum_[i]), rr = limit(recordSum_[i + 1]);
     const size_t s = 2 * size_t((sw + f) % kBusFrames), p = 2 * size_t((pw + f) % kBusFrames);
+    const size_t r = 2 * size_t((rw + f) % kBusFrames);
     stream_->ring[s] = sl, stream_->ring[s + 1] = sr;
     program_->ring[p] = sl, program_->ring[p + 1] = sr;
-    const size_t rr = 2 * size_t((rw + f) % kBusFrames);
-    record_->ring[rr] = limit(recordSum_[i]), record_->ring[rr + 1] = limit(recordSum_[i + 1]);
+    record_->ring[r] = rl, record_->ring[r + 1] = rr;
+    meter(0, ml), meter(1, mr), meter(2, sl), meter(3, sr), meter(4, rl), meter(5, rr);
   }
   curMonitorGain_ = g;
+  for (size_t k = 0; k < 6; ++k) {
+    if (peak[k] > get(busPeak_[k])) put(busPeak_[k], peak[k]);
+    addTo(busSum_[k], sum[k]);
+  }
+  busCount_.fetch_add(n, std::memory_order_relaxed);
   stream_->write.store(sw + n, std::memory_order_release);
   record_->write.store(rw + n, std::memory_order_release);
   program_->write.store(pw + n, std::memory_order_release);
@@ -361,6 +379,18 @@ void AudioMix::drain(const std::vector<Consumer>& stream, const std::vector<Cons
 }
 
 // ---- Figures ------------------------------------------------------------------------------------
+
+std::array<AudioMix::BusFigures, 3> AudioMix::takeBusFigures() {
+  std::array<BusFigures, 3> buses;
+  const int n = std::max(busCount_.exchange(0, std::memory_order_relaxed), 1);
+  for (size_t b = 0; b < 3; ++b)
+    for (size_t c = 0; c < 2; ++c) {
+      buses[b].peak[c] = busPeak_[2 * b + c].exchange(0, std::memory_order_relaxed);
+      buses[b].rms[c] =
+          std::sqrt(busSum_[2 * b + c].exchange(0, std::memory_order_relaxed) / float(n));
+    }
+  return buses;
+}
 
 AudioMix::SourceFigures AudioMix::takeFigures(int index) {
   SourceFigures f;

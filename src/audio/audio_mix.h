@@ -55,6 +55,8 @@ class AudioMix {
   void setProgramSlot(int slot);
   void setMonitorOn(bool on);
   void setMonitorGain(float linear);
+  bool monitorOn() const { return monitorOn_.load(std::memory_order_relaxed) != 0; }
+  float monitorGain() const { return monitorGain_.load(std::memory_order_relaxed); }
 
   // ---- The render thread: mixes `frames` (at most 8192) and writes the limited monitor
   // bus to `left` and `right` (either may be null).
@@ -83,8 +85,16 @@ class AudioMix {
   };
   // Reads and clears a source's meter accumulators.
   SourceFigures takeFigures(int index);
+  // The three buses after the limiter: monitor, stream, record.
+  struct BusFigures {
+    std::array<float, 2> peak{}, rms{};
+  };
+  // Reads and clears the buses' meter accumulators.
+  std::array<BusFigures, 3> takeBusFigures();
   std::int64_t streamFrames() const { return streamFrames_.load(std::memory_order_relaxed); }
   std::int64_t busUnderruns() const { return busUnderruns_.load(std::memory_order_relaxed); }
+  // The last block's render time over the time it lasts; 1 means no time to spare.
+  double renderLoad() const { return renderLoad_.load(std::memory_order_relaxed); }
 
  private:
   struct Source;
@@ -99,9 +109,13 @@ class AudioMix {
   std::atomic<int> monitorOn_{1};
   std::atomic<float> monitorGain_{1.0f};
   float curMonitorGain_ = 0;  // the render thread's own
+  // Bus meters: peaks and sums of squares per channel, monitor then stream then record.
+  std::array<std::atomic<float>, 6> busPeak_{}, busSum_{};
+  std::atomic<int> busCount_{0};
   double programPhase_ = 0, programRatio_ = 1;
   std::atomic<std::int64_t> streamFrames_{0};
   std::atomic<std::int64_t> busUnderruns_{0};
+  std::atomic<double> renderLoad_{0};
 };
 
 }  // namespace qvn

@@ -19,9 +19,11 @@ PCMConverter::~PCMConverter() {
 bool PCMConverter::rebuild(const FormatKey& key) {
   swr_free(&swr_);
   key_ = key;
+  // Only the rate and sample format change here; channels are picked as on the fast path,
+  // so a mono source is heard at full level on both sides.
   AVChannelLayout in{}, out{};
   av_channel_layout_default(&in, key.channels);
-  av_channel_layout_default(&out, 2);
+  av_channel_layout_default(&out, key.channels);
   AVSampleFormat inFormat = key.format == SampleFormat::int16
                                 ? (key.interleaved ? AV_SAMPLE_FMT_S16 : AV_SAMPLE_FMT_S16P)
                                 : (key.interleaved ? AV_SAMPLE_FMT_FLT : AV_SAMPLE_FMT_FLTP);
@@ -37,36 +39,42 @@ bool PCMConverter::rebuild(const FormatKey& key) {
   return true;
 }
 
+// Float frames at the mix's rate: copied, with mono doubled and extra channels left out.
+const float* PCMConverter::pick(const PCMView& pcm, int& frames) {
+  const int n = std::min(pcm.frames, kMaxFrames);
+  const int right = pcm.channels > 1 ? 1 : 0;
+  for (int i = 0; i < n; ++i) {
+    if (pcm.interleaved) {
+      const auto* in = static_cast<const float*>(pcm.planes[0]);
+      out_[2 * size_t(i)] = in[size_t(i) * size_t(pcm.channels)];
+      out_[2 * size_t(i) + 1] = in[size_t(i) * size_t(pcm.channels) + size_t(right)];
+    } else {
+      out_[2 * size_t(i)] = static_cast<const float*>(pcm.planes[0])[i];
+      out_[2 * size_t(i) + 1] = static_cast<const float*>(pcm.planes[size_t(right)])[i];
+    }
+  }
+  frames = n;
+  return out_.data();
+}
+
 const float* PCMConverter::convert(const PCMView& pcm, int& frames) {
   frames = 0;
   if (pcm.frames <= 0 || pcm.channels < 1 || pcm.channels > 8 || pcm.rate <= 0) return nullptr;
-  // The mix's own rate in floats: copied, with mono doubled and extra channels left out.
-  if (pcm.rate == 48000 && pcm.format == SampleFormat::float32) {
-    const int n = std::min(pcm.frames, kMaxFrames);
-    const int right = pcm.channels > 1 ? 1 : 0;
-    for (int i = 0; i < n; ++i) {
-      if (pcm.interleaved) {
-        const auto* in = static_cast<const float*>(pcm.planes[0]);
-        out_[2 * size_t(i)] = in[size_t(i) * size_t(pcm.channels)];
-        out_[2 * size_t(i) + 1] = in[size_t(i) * size_t(pcm.channels) + size_t(right)];
-      } else {
-        out_[2 * size_t(i)] = static_cast<const float*>(pcm.planes[0])[i];
-        out_[2 * size_t(i) + 1] = static_cast<const float*>(pcm.planes[size_t(right)])[i];
-      }
-    }
-    frames = n;
-    return out_.data();
-  }
+  if (pcm.rate == 48000 && pcm.format == SampleFormat::float32) return pick(pcm, frames);
   const FormatKey key{pcm.rate, pcm.channels, pcm.format, pcm.interleaved};
   if ((!swr_ || !(key == key_)) && !rebuild(key)) return nullptr;
-  auto* out = reinterpret_cast<std::uint8_t*>(out_.data());
+  resampled_.resize(size_t(kMaxFrames) * size_t(pcm.channels));
+  auto* out = reinterpret_cast<std::uint8_t*>(resampled_.data());
   const int converted = swr_convert(
       swr_, &out, kMaxFrames,
       reinterpret_cast<const std::uint8_t**>(const_cast<const void**>(pcm.planes.data())),
       pcm.frames);
   if (converted <= 0) return nullptr;
-  frames = converted;
-  return out_.data();
+  PCMView resampled;
+  resampled.channels = pcm.channels;
+  resampled.frames = converted;
+  resampled.planes[0] = resampled_.data();
+  return pick(resampled, frames);
 }
 
 }  // namespace qvn

@@ -34,8 +34,10 @@ class PCMConverter {
     bool operator==(const FormatKey&) const = default;
   };
   bool rebuild(const FormatKey& key);
+  const float* pick(const PCMView& pcm, int& frames);
 
   std::vector<float> out_;
+  std::vector<float> resampled_;  // the resampler's output, all channels
   FormatKey key_;
   SwrContext* swr_ = nullptr;
 };

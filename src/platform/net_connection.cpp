@@ -220,11 +220,80 @@ void NetConnection::receive(size_t maximum, ReceiveCompletion done) {
   });
 }
 
+void NetConnection::setStateHandler(StateHandler onState) {
+  asio::post(impl_->strand, [self = shared_from_this(), onState = std::move(onState)]() mutable {
+    self->impl_->onState = std::move(onState);
+  });
+}
+
 void NetConnection::cancel() {
   asio::post(impl_->strand, [self = shared_from_this()] {
     Impl& m = *self->impl_;
     m.close();
     m.report(State::cancelled);
+  });
+}
+
+}  // namespace qvn
+
+namespace qvn {
+
+struct NetListener::Impl {
+  explicit Impl(Accept accept) : onAccept(std::move(accept)), acceptor(net().io()) {}
+  Accept onAccept;
+  tcp::acceptor acceptor;
+  std::shared_ptr<NetConnection> next;  // the connection the pending accept fills
+};
+
+NetListener::NetListener() = default;
+NetListener::~NetListener() {
+  stop();
+}
+
+std::shared_ptr<NetListener> NetListener::listen(const std::string& address, std::uint16_t port,
+                                                 Accept onAccept, std::string& error) {
+  std::shared_ptr<NetListener> listener(new NetListener());
+  listener->impl_ = std::make_shared<Impl>(std::move(onAccept));
+  error_code ec;
+  const auto ip = asio::ip::make_address_v4(address, ec);
+  auto& acceptor = listener->impl_->acceptor;
+  if (!ec) acceptor.open(tcp::v4(), ec);
+  if (!ec) acceptor.set_option(tcp::acceptor::reuse_address(true), ec);
+  if (!ec) acceptor.bind(tcp::endpoint(ip, port), ec);
+  if (!ec) acceptor.listen(asio::socket_base::max_listen_connections, ec);
+  if (ec) {
+    error = ec.message();
+    return nullptr;
+  }
+  listener->port_ = acceptor.local_endpoint(ec).port();
+  asio::post(net().io(), [listener] { listener->acceptNext(); });
+  return listener;
+}
+
+void NetListener::acceptNext() {
+  auto next = std::shared_ptr<NetConnection>(
+      new NetConnection(std::make_unique<NetConnection::Impl>(NetConnection::Endpoint{}, nullptr)));
+  impl_->next = next;
+  impl_->acceptor.async_accept(
+      next->impl_->socket, [weak = weak_from_this(), next](const error_code& ec) {
+        auto self = weak.lock();
+        if (!self || ec == asio::error::operation_aborted || !self->impl_->acceptor.is_open())
+          return;
+        if (!ec) {
+          error_code ignored;
+          next->impl_->socket.set_option(tcp::no_delay(true), ignored);
+          next->impl_->isReady = true;
+          if (self->impl_->onAccept) self->impl_->onAccept(next);
+        }
+        self->acceptNext();
+      });
+}
+
+void NetListener::stop() {
+  if (!impl_) return;
+  asio::post(net().io(), [impl = impl_] {
+    error_code ignored;
+    impl->acceptor.close(ignored);
   });
 }
 

@@ -37,16 +37,42 @@ class NetConnection : public std::enable_shared_from_this<NetConnection> {
   NetConnection(const NetConnection&) = delete;
   NetConnection& operator=(const NetConnection&) = delete;
 
+  // For a connection a listener accepted: it is ready already; the handler hears how it
+  // ends (failed or cancelled).
+  void setStateHandler(StateHandler onState);
+
   void send(std::vector<std::uint8_t> block, SendCompletion done);
   // Between 1 and `maximum` bytes; `complete` when the peer has closed its side.
   void receive(size_t maximum, ReceiveCompletion done);
   void cancel();
 
  private:
+  friend class NetListener;
   struct Impl;
   explicit NetConnection(std::unique_ptr<Impl> impl);
 
   std::unique_ptr<Impl> impl_;
+};
+
+// Takes TCP connections on an IPv4 address and port, with the address reusable and
+// no-delay on every connection. Callbacks run on the network thread.
+class NetListener : public std::enable_shared_from_this<NetListener> {
+ public:
+  using Accept = std::function<void(std::shared_ptr<NetConnection>)>;
+
+  // Port 0 takes any free one. None, with `error` in plain words, when it can't listen.
+  static std::shared_ptr<NetListener> listen(const std::string& address, std::uint16_t port,
+                                             Accept onAccept, std::string& error);
+  ~NetListener();
+  std::uint16_t port() const { return port_; }
+  void stop();
+
+ private:
+  struct Impl;
+  NetListener();
+  void acceptNext();
+  std::shared_ptr<Impl> impl_;
+  std::uint16_t port_ = 0;
 };
 
 }  // namespace qvn

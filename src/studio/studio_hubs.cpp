@@ -4,6 +4,7 @@
 #include "audio/not_yet_available.h"
 #include "inputs/not_yet_available.h"
 #include "outputs/not_yet_available.h"
+#include "phones/tcp_signaling_server.h"
 #include "video/mix_engine.h"
 
 namespace qvn {
@@ -26,7 +27,7 @@ class StayAwakeNotYetAvailable final : public StayAwake {
 StudioHubs StudioHubs::make() {
   auto frames = std::make_shared<FrameHub>();
   return StudioHubs{
-      .signaling = std::make_shared<SignalingServerNotYetAvailable>(),
+      .signaling = TCPSignalingServer::make(nullptr),
       .mix = MixEngine::make(frames),
       .frames = frames,
       .localCapture = std::make_shared<LocalCaptureHubNotYetAvailable>(),

@@ -1,0 +1,158 @@
+#include "phones/line_client.h"
+
+#include <algorithm>
+#include <cctype>
+#include <nlohmann/json.hpp>
+
+namespace qvn {
+
+namespace {
+
+constexpr size_t kReadMost = 65536;
+constexpr double kSilenceSeconds = 2.0;
+
+bool validUTF8(const std::vector<std::uint8_t>& bytes) {
+  const size_t n = bytes.size();
+  for (size_t i = 0; i < n;) {
+    const std::uint8_t c = bytes[i];
+    const int extra = c < 0x80             ? 0
+                      : (c & 0xE0) == 0xC0 ? 1
+                      : (c & 0xF0) == 0xE0 ? 2
+                      : (c & 0xF8) == 0xF0 ? 3
+                                           : -1;
+    if (extra < 0 || i + size_t(extra) >= n + (extra == 0 ? 1 : 0)) return false;
+    for (size_t k = 1; k <= size_t(extra); ++k)
+      if ((bytes[i + k] & 0xC0) != 0x80) return false;
+    i += size_t(extra) + 1;
+  }
+  return true;
+}
+
+std::string trimmed(const std::string& text) {
+  auto blank = [](unsigned char c) { return std::isspace(c) != 0; };
+  auto first = std::find_if_not(text.begin(), text.end(), blank);
+  auto last = std::find_if_not(text.rbegin(), text.rend(), blank).base();
+  return first < last ? std::string(first, last) : std::string();
+}
+
+}  // namespace
+
+std::shared_ptr<LineClient> LineClient::make(std::shared_ptr<NetConnection> connection) {
+  return std::shared_ptr<LineClient>(new LineClient(std::move(connection)));
+}
+
+LineClient::LineClient(std::shared_ptr<NetConnection> connection)
+    : connection_(std::move(connection)) {}
+
+void LineClient::start(Queue& timers) {
+  connection_->setStateHandler(
+      [weak = weak_from_this()](NetConnection::State state, const std::string& error) {
+        auto self = weak.lock();
+        if (!self) return;
+        if (state == NetConnection::State::failed) {
+          self->log("TCP failed " + error);
+          self->notifyClosed();
+        } else if (state == NetConnection::State::cancelled) {
+          self->notifyClosed();
+        }
+      });
+  readNext();
+  silenceCheck_ = DelayedWork::schedule(timers, kSilenceSeconds, [weak = weak_from_this()] {
+    auto self = weak.lock();
+    if (!self || self->closed_ || self->sawLine_) return;
+    // What the peer sent instead, for whoever wonders why it never paired.
+    std::function<void(const std::string&)> log;
+    std::vector<std::uint8_t> first;
+    {
+      std::lock_guard lock(self->callbackLock_);
+      log = self->onState;
+      first = self->firstBytes_;
+    }
+    const std::string text = validUTF8(first) ? std::string(first.begin(), first.end())
+                                              : std::to_string(first.size()) + " bytes";
+    if (log) log("TCP open, no JSON line yet (" + text + ")");
+  });
+}
+
+void LineClient::readNext() {
+  connection_->receive(kReadMost,
+                       [weak = weak_from_this()](std::vector<std::uint8_t> data, bool complete,
+                                                 const std::optional<std::string>& error) {
+                         auto self = weak.lock();
+                         if (!self) return;
+                         if (!data.empty()) self->take(data);
+                         if (error) {
+                           if (!self->closed_) self->log("TCP recv " + *error);
+                           return self->notifyClosed();
+                         }
+                         if (complete) return self->notifyClosed();
+                         self->readNext();
+                       });
+}
+
+void LineClient::take(const std::vector<std::uint8_t>& data) {
+  if (!sawLine_) {
+    std::lock_guard lock(callbackLock_);
+    if (firstBytes_.size() < 80)
+      firstBytes_.insert(firstBytes_.end(), data.begin(),
+                         data.begin() + long(std::min(data.size(), 80 - firstBytes_.size())));
+  }
+  buffer_.insert(buffer_.end(), data.begin(), data.end());
+  size_t start = 0;
+  for (size_t i = 0; i < buffer_.size(); ++i) {
+    if (buffer_[i] != '\n') continue;
+    std::vector<std::uint8_t> line(buffer_.begin() + long(start), buffer_.begin() + long(i));
+    start = i + 1;
+    if (!validUTF8(line)) continue;  // not text: dropped
+    const std::string text = trimmed(std::string(line.begin(), line.end()));
+    if (text.empty()) continue;
+    sawLine_ = true;
+    std::function<void(const std::string&)> handler;
+    {
+      std::lock_guard lock(callbackLock_);
+      handler = onText;
+    }
+    if (handler) handler(text);
+  }
+  buffer_.erase(buffer_.begin(), buffer_.begin() + long(start));
+}
+
+void LineClient::send(const nlohmann::json& message) {
+  if (!message.is_object()) return;
+  std::string text = message.dump();
+  text += '\n';
+  connection_->send(std::vector<std::uint8_t>(text.begin(), text.end()),
+                    [weak = weak_from_this()](const std::optional<std::string>& error) {
+                      if (auto self = weak.lock(); self && error) self->notifyClosed();
+                    });
+}
+
+void LineClient::log(const std::string& text) {
+  std::function<void(const std::string&)> handler;
+  {
+    std::lock_guard lock(callbackLock_);
+    handler = onState;
+  }
+  if (handler) handler(text);
+}
+
+void LineClient::close() {
+  notifyClosed();
+}
+
+void LineClient::notifyClosed() {
+  if (closed_.exchange(true)) return;
+  silenceCheck_.cancel();
+  connection_->cancel();
+  std::function<void()> closing;
+  {
+    std::lock_guard lock(callbackLock_);
+    closing = std::move(onClose);
+    onClose = nullptr;
+    onText = nullptr;
+    onState = nullptr;
+  }
+  if (closing) closing();
+}
+
+}  // namespace qvn

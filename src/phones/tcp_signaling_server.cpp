@@ -1,0 +1,360 @@
+#include "phones/tcp_signaling_server.h"
+
+#include <sstream>
+#include <thread>
+
+#include "support/uuid.h"
+
+namespace qvn {
+
+namespace {
+
+std::vector<std::string> sdpLines(const std::string& sdp) {
+  std::vector<std::string> lines;
+  std::istringstream in(sdp);
+  for (std::string line; std::getline(in, line);) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (!line.empty()) lines.push_back(line);
+  }
+  return lines;
+}
+
+std::string firstStarting(const std::vector<std::string>& lines, const std::string& prefix,
+                          const std::string& otherwise) {
+  for (const auto& line : lines)
+    if (line.starts_with(prefix)) return line;
+  return otherwise;
+}
+
+std::string joined(const std::vector<std::string>& lines, size_t most) {
+  std::string out;
+  for (size_t i = 0; i < lines.size() && i < most; ++i) out += (i ? " | " : "") + lines[i];
+  return out;
+}
+
+std::vector<std::string> matching(const std::vector<std::string>& lines, const std::string& prefix,
+                                  const std::string& containing = "") {
+  std::vector<std::string> out;
+  for (const auto& line : lines)
+    if (line.starts_with(prefix) && line.find(containing) != std::string::npos) out.push_back(line);
+  return out;
+}
+
+std::string text(const nlohmann::json& message, const char* key) {
+  auto it = message.find(key);
+  return it != message.end() && it->is_string() ? it->get<std::string>() : "";
+}
+
+}  // namespace
+
+std::shared_ptr<TCPSignalingServer> TCPSignalingServer::make(ReceiverSessionFactory makeSession,
+                                                             std::string address,
+                                                             std::uint16_t port) {
+  return std::shared_ptr<TCPSignalingServer>(
+      new TCPSignalingServer(std::move(makeSession), std::move(address), port));
+}
+
+TCPSignalingServer::TCPSignalingServer(ReceiverSessionFactory makeSession, std::string address,
+                                       std::uint16_t port)
+    : makeSession_(std::move(makeSession)),
+      address_(std::move(address)),
+      port_(port),
+      queue_(std::make_unique<SerialQueue>("io.quorvane.camera.signaling",
+                                           QueuePriority::userInitiated)) {
+  if (!makeSession_)
+    makeSession_ = [](int, const std::string&, const std::string&) {
+      return std::make_shared<ReceiverSessionNotYetAvailable>();
+    };
+}
+
+TCPSignalingServer::~TCPSignalingServer() {
+  if (listener_) listener_->stop();
+  queue_->sync([this] {
+    for (auto& [client, phone] : phones_) phone.client->close();
+    for (auto& [slot, s] : slots_) s.session->close();
+  });
+  // Jobs hold the server only while they run, so the last reference may go inside one; a
+  // queue can't join its own thread, so then it is let go from a thread of its own.
+  if (queue_->isCurrent())
+    std::thread([queue = std::move(queue_)]() mutable { queue.reset(); }).detach();
+}
+
+void TCPSignalingServer::setPin(std::string pin) {
+  std::lock_guard lock(settingsLock_);
+  pin_ = std::move(pin);
+}
+
+void TCPSignalingServer::setAcceptNewDevices(bool accept) {
+  std::lock_guard lock(settingsLock_);
+  acceptNewDevices_ = accept;
+}
+
+void TCPSignalingServer::log(const std::string& line) const {
+  if (onLog) onLog(line);
+}
+
+std::optional<std::string> TCPSignalingServer::start() {
+  std::string error;
+  listener_ = NetListener::listen(
+      address_, port_,
+      [weak = weak_from_this()](std::shared_ptr<NetConnection> connection) {
+        if (auto self = weak.lock())
+          self->queue_->async([weak, connection] {
+            if (auto server = weak.lock()) server->accept(connection);
+          });
+      },
+      error);
+  if (!listener_) return "Can't listen for phones on port " + std::to_string(port_) + ": " + error;
+  log("Listening on: " + std::to_string(port()) + " (Bonjour _quorvane-cam._tcp, TCP JSON)");
+  return std::nullopt;
+}
+
+// ---- Connections ----------------------------------------------------------------------------
+
+void TCPSignalingServer::accept(std::shared_ptr<NetConnection> connection) {
+  auto client = LineClient::make(std::move(connection));
+  LineClient* key = client.get();
+  phones_[key] = Phone{client, std::nullopt};
+  std::weak_ptr<TCPSignalingServer> weak = weak_from_this();
+  client->onText = [weak, key](const std::string& line) {
+    if (auto self = weak.lock())
+      self->queue_->async([weak, key, line] {
+        if (auto server = weak.lock()) server->handle(line, key);
+      });
+  };
+  client->onClose = [weak, key] {
+    if (auto self = weak.lock())
+      self->queue_->async([weak, key] {
+        if (auto server = weak.lock()) server->drop(key);
+      });
+  };
+  client->onState = [weak](const std::string& line) {
+    if (auto self = weak.lock()) self->log(line);
+  };
+  log("TCP ready");
+  client->start(*queue_);
+  log("Socket opened");
+}
+
+std::optional<int> TCPSignalingServer::slotOf(LineClient* client) const {
+  auto it = phones_.find(client);
+  return it == phones_.end() ? std::nullopt : it->second.slot;
+}
+
+void TCPSignalingServer::handle(const std::string& line, LineClient* client) {
+  auto phone = phones_.find(client);
+  if (phone == phones_.end()) return;
+  const nlohmann::json message = nlohmann::json::parse(line, nullptr, false);
+  if (message.is_discarded() || !message.is_object() || !message.contains("type") ||
+      !message["type"].is_string()) {
+    log("WS ignored " + std::to_string(std::min<size_t>(line.size(), 80)) + " chars");
+    return;
+  }
+  const std::string type = message["type"].get<std::string>();
+  if (type == "hello" || type == "offer" || type == "ice") log("TCP " + type);
+  if (type == "ping") {
+    phone->second.client->send({{"type", "pong"}});
+  } else if (type == "hello") {
+    hello(message, client);
+  } else if (type == "offer") {
+    offer(message, client);
+  } else if (type == "ice") {
+    ice(message, client);
+  } else if (type == "bye") {
+    drop(client);
+  } else if (type == "capabilities") {
+    if (auto slot = slotOf(client); slot && onCaps) onCaps(*slot, message);
+  } else if (type == "control-ack") {
+    if (auto slot = slotOf(client); slot && onControlAck) onControlAck(*slot, message);
+  }
+}
+
+void TCPSignalingServer::hello(const nlohmann::json& message, LineClient* client) {
+  const auto& sender = phones_.at(client).client;
+  const std::string role = message.contains("role") ? text(message, "role") : "publisher";
+  if (role != "publisher") {
+    sender->send({{"type", "error"}, {"message", "This computer is the receiver."}});
+    return;
+  }
+  const std::string pin = text(message, "pin");
+  {
+    std::lock_guard lock(settingsLock_);
+    if (!pin.empty() && pin != pin_ && !acceptNewDevices_) {
+      sender->send({{"type", "pair-fail"}, {"message", "Wrong pairing code"}});
+      return;
+    }
+  }
+  if (slotOf(client)) return;  // already given a slot
+  const auto slot = freeSlot();
+  if (!slot) {
+    sender->send({{"type", "error"}, {"message", "All camera slots are full"}});
+    return;
+  }
+  phones_[client].slot = *slot;
+  const std::string sessionID = makeUUID();
+  const std::string name = text(message, "name").empty() ? "Phone" : text(message, "name");
+  auto session = makeSession_(*slot, sessionID, name);
+  if (!session) {
+    phones_[client].slot.reset();
+    sender->send({{"type", "error"}, {"message", "Could not start this camera session."}});
+    return;
+  }
+  wire(*session, *slot, sender);
+  slots_[*slot] = Slot{session, sender, name};
+  if (onAudioTap) onAudioTap(*slot, session->audioTap());
+  sender->send({{"type", "welcome"},
+                {"v", 1},
+                {"role", "publisher"},
+                {"session_id", sessionID},
+                {"slot", *slot}});
+  sender->send({{"type", "peer-joined"}, {"role", "viewer"}});
+  publishSlots();
+  log("Cam " + std::to_string(*slot) + " reserved for " + name);
+}
+
+void TCPSignalingServer::wire(ReceiverSession& session, int slot,
+                              std::shared_ptr<LineClient> client) {
+  std::weak_ptr<TCPSignalingServer> weak = weak_from_this();
+  std::weak_ptr<LineClient> weakClient = client;
+  const std::string cam = "Cam " + std::to_string(slot);
+  session.onStatus = [weak, cam](const std::string& status) {
+    if (auto self = weak.lock()) self->log(cam + ": " + status);
+  };
+  session.sendICE = [weakClient](const nlohmann::json& candidate) {
+    if (auto c = weakClient.lock()) c->send({{"type", "ice"}, {"v", 1}, {"candidate", candidate}});
+  };
+  session.onVideoTrack = [weak, slot, cam](std::shared_ptr<RemoteVideoTrack> track) {
+    if (auto self = weak.lock()) {
+      self->log(cam + ": video track");
+      if (self->onVideo) self->onVideo(slot, track);
+    }
+  };
+  session.onPeerGone = [weak, slot, cam] {
+    if (auto self = weak.lock())
+      self->queue_->async([weak, slot, cam] {
+        auto server = weak.lock();
+        if (!server) return;
+        auto it = server->slots_.find(slot);
+        if (it == server->slots_.end()) return;
+        server->log(cam + " peer connection gone, freeing the slot");
+        server->drop(it->second.client.get());
+      });
+  };
+  session.onResolution = [weak, slot](const std::string& label, int w, int h) {
+    if (auto self = weak.lock(); self && self->onResolution) self->onResolution(slot, label, w, h);
+  };
+  session.onAudioTrack = [weak, slot] {
+    if (auto self = weak.lock())
+      self->queue_->async([weak, slot] {
+        auto server = weak.lock();
+        if (!server || !server->onAudioTap) return;
+        if (auto it = server->slots_.find(slot); it != server->slots_.end())
+          server->onAudioTap(slot, it->second.session->audioTap());
+      });
+  };
+}
+
+std::optional<int> TCPSignalingServer::freeSlot() {
+  const int ceiling = std::clamp(openSlotLimit ? openSlotLimit() : kDefaultOpenSlots, 1, 16);
+  for (int slot = 1; slot <= ceiling; ++slot) {
+    if (slots_.contains(slot)) continue;
+    if (isSlotLocallyOccupied && isSlotLocallyOccupied(slot)) continue;
+    return slot;
+  }
+  return std::nullopt;
+}
+
+void TCPSignalingServer::offer(const nlohmann::json& message, LineClient* client) {
+  const auto slot = slotOf(client);
+  if (!slot || !slots_.contains(*slot) || !message.contains("sdp") || !message["sdp"].is_string())
+    return;
+  const std::string sdp = message["sdp"].get<std::string>();
+  const auto lines = sdpLines(sdp);
+  const std::string cam = "Cam " + std::to_string(*slot);
+  log(cam + " offer " + firstStarting(lines, "m=video", "no m=video") + " (" +
+      std::to_string(sdp.size()) + " chars)");
+  log(cam + " offer codecs " + joined(matching(lines, "a=rtpmap:"), 8));
+  log(cam + " offer h264 " + joined(matching(lines, "a=fmtp:", "profile-level-id"), SIZE_MAX));
+  std::weak_ptr<LineClient> weakClient = slots_[*slot].client;
+  slots_[*slot].session->handleOffer(
+      sdp, [weak = weak_from_this(), weakClient, cam](std::optional<std::string> answer) {
+        auto self = weak.lock();
+        if (!self) return;
+        if (!answer) {
+          self->log(cam + " no answer (SDP rejected)");
+          return;
+        }
+        const auto answerLines = sdpLines(*answer);
+        self->log(cam + " answer " + firstStarting(answerLines, "m=video", "no m=video"));
+        self->log(cam + " answer h264 " +
+                  joined(matching(answerLines, "a=fmtp:", "profile-level-id"), SIZE_MAX));
+        if (auto c = weakClient.lock()) c->send({{"type", "answer"}, {"v", 1}, {"sdp", *answer}});
+      });
+}
+
+void TCPSignalingServer::ice(const nlohmann::json& message, LineClient* client) {
+  const auto slot = slotOf(client);
+  if (!slot || !slots_.contains(*slot)) return;
+  const auto it = message.find("candidate");
+  slots_[*slot].session->addICE(it != message.end() && it->is_object() ? *it : message);
+}
+
+void TCPSignalingServer::drop(LineClient* client) {
+  auto phone = phones_.find(client);
+  if (phone == phones_.end()) return;
+  Phone gone = std::move(phone->second);
+  phones_.erase(phone);
+  if (gone.slot) {
+    const int slot = *gone.slot;
+    if (auto it = slots_.find(slot); it != slots_.end()) {
+      it->second.session->close();
+      slots_.erase(it);
+    }
+    if (onVideo) onVideo(slot, nullptr);
+    if (onAudioTap) onAudioTap(slot, nullptr);
+    log("Cam " + std::to_string(slot) + " disconnected");
+    publishSlots();
+  }
+  if (!gone.client->closed()) gone.client->close();
+}
+
+void TCPSignalingServer::publishSlots() {
+  if (onSlotsChanged) onSlotsChanged(snapshot());
+}
+
+std::vector<CameraSlot> TCPSignalingServer::snapshot() const {
+  std::vector<CameraSlot> rows;
+  for (int n = 1; n <= 16; ++n) {
+    CameraSlot row = CameraSlot::empty(n);
+    row.kind = "phone";
+    if (auto it = slots_.find(n); it != slots_.end()) {
+      row.live = true;
+      row.title = it->second.name;
+      row.status = "Live";
+      row.resolution = it->second.session->resolutionLabel();
+      row.receivedWidth = it->second.session->receivedWidth();
+      row.receivedHeight = it->second.session->receivedHeight();
+    }
+    rows.push_back(row);
+  }
+  return rows;
+}
+
+void TCPSignalingServer::sendControl(int slot, nlohmann::json message) {
+  std::string line = "control → cam " + std::to_string(slot) + " " +
+                     (message.contains("action") && message["action"].is_string()
+                          ? message["action"].get<std::string>()
+                          : std::string("?"));
+  if (message.contains("value")) line += " value=" + message["value"].dump();
+  if (message.contains("x") && message.contains("y"))
+    line += " @(" + message["x"].dump() + "," + message["y"].dump() + ")";
+  log(line);
+  queue_->async([weak = weak_from_this(), slot, message = std::move(message)] {
+    auto self = weak.lock();
+    if (!self) return;
+    if (auto it = self->slots_.find(slot); it != self->slots_.end())
+      it->second.client->send(message);
+  });
+}
+
+}  // namespace qvn

@@ -1,0 +1,238 @@
+// The phones' side door on loopback: real TCP clients speak JSON lines to the server and
+// read its answers; the studio's side is the server's callbacks, written down.
+#include "phones/tcp_signaling_server.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <regex>
+#include <thread>
+
+namespace qvn {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::Contains;
+using ::testing::HasSubstr;
+
+// A phone's side of the wire: lines out, lines in.
+class Phone {
+ public:
+  explicit Phone(std::uint16_t port) {
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port);
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+  }
+  ~Phone() { close(); }
+  bool connected() const { return connected_; }
+  void raw(const std::string& bytes) { ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+  void say(const nlohmann::json& message) { raw(message.dump() + "\n"); }
+  // The next line from the server, parsed; null when none comes in time.
+  nlohmann::json hear(int timeoutMs = 5000) {
+    while (true) {
+      if (auto nl = buffer_.find('\n'); nl != std::string::npos) {
+        const std::string line = buffer_.substr(0, nl);
+        buffer_.erase(0, nl + 1);
+        return nlohmann::json::parse(line);
+      }
+      pollfd p{fd_, POLLIN, 0};
+      if (::poll(&p, 1, timeoutMs) <= 0) return nullptr;
+      char chunk[4096];
+      const ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
+      if (n <= 0) return nullptr;
+      buffer_.append(chunk, size_t(n));
+    }
+  }
+  void close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  int fd_ = -1;
+  bool connected_ = false;
+  std::string buffer_;
+};
+
+// A session that records what it was given and answers offers with a fixed SDP.
+struct FakeAnswer : ReceiverSession {
+  std::vector<nlohmann::json> candidates;
+  bool closed = false;
+  void handleOffer(const std::string& sdp,
+                   std::function<void(std::optional<std::string>)> done) override {
+    done(sdp.find("m=video") != std::string::npos
+             ? std::optional<std::string>("v=0\r\nm=video 9 UDP/TLS/RTP/SAVPF 96\r\n")
+             : std::nullopt);
+  }
+  void addICE(const nlohmann::json& c) override { candidates.push_back(c); }
+  void close() override { closed = true; }
+};
+
+class Signaling : public ::testing::Test {
+ protected:
+  Signaling() {
+    server = TCPSignalingServer::make(
+        [this](int slot, const std::string&, const std::string&) {
+          auto s = std::make_shared<FakeAnswer>();
+          std::lock_guard lock(mutex);
+          sessions[slot] = s;
+          return s;
+        },
+        "127.0.0.1", 0);
+    server->onLog = [this](std::string line) { note([&] { logLines.push_back(line); }); };
+    server->onSlotsChanged = [this](std::vector<CameraSlot> rows) {
+      note([&] { slotReports.push_back(rows); });
+    };
+    server->onCaps = [this](int slot, const nlohmann::json& caps) {
+      note([&] { capsSeen.emplace_back(slot, caps); });
+    };
+    server->isSlotLocallyOccupied = [this](int slot) { return localSlots.contains(slot); };
+    server->openSlotLimit = [this] { return openSlots; };
+    server->setPin("4321");
+  }
+  template <class F>
+  void note(F change) {
+    std::lock_guard lock(mutex);
+    change();
+    changed.notify_all();
+  }
+  bool waitFor(const std::function<bool()>& done) {
+    std::unique_lock lock(mutex);
+    return changed.wait_for(lock, 5s, done);
+  }
+  std::uint16_t start() {
+    EXPECT_EQ(server->start(), std::nullopt);
+    return server->port();
+  }
+  std::vector<std::string> logged() {
+    server->queue().sync([] {});
+    std::lock_guard lock(mutex);
+    return logLines;
+  }
+  bool liveIn(int slot) {
+    std::lock_guard lock(mutex);
+    return !slotReports.empty() && slotReports.back()[size_t(slot - 1)].live;
+  }
+
+  std::shared_ptr<TCPSignalingServer> server;
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<std::string> logLines;
+  std::vector<std::vector<CameraSlot>> slotReports;
+  std::vector<std::pair<int, nlohmann::json>> capsSeen;
+  std::map<int, std::shared_ptr<FakeAnswer>> sessions;
+  std::set<int> localSlots;
+  int openSlots = 12;
+};
+
+TEST_F(Signaling, APhonePairsGetsASlotAndTradesOfferAnswerAndCandidates) {
+  Phone phone(start());
+  ASSERT_TRUE(phone.connected());
+  phone.say({{"type", "ice"}, {"candidate", "early"}});  // before hello: ignored
+  phone.say({{"type", "ping"}});
+  EXPECT_EQ(phone.hear(), (nlohmann::json{{"type", "pong"}}));
+
+  localSlots = {1};  // a camera holds slot 1: the phone gets 2
+  phone.say({{"type", "hello"}, {"pin", "4321"}, {"name", "Backstage"}});
+  const auto welcome = phone.hear();
+  EXPECT_EQ(welcome["type"], "welcome");
+  EXPECT_EQ(welcome["v"], 1);
+  EXPECT_EQ(welcome["slot"], 2);
+  EXPECT_TRUE(std::regex_match(welcome["session_id"].get<std::string>(),
+                               std::regex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-"
+                                          "[0-9A-F]{12}")));
+  EXPECT_EQ(phone.hear(), (nlohmann::json{{"type", "peer-joined"}, {"role", "viewer"}}));
+  ASSERT_TRUE(waitFor([&] { return !slotReports.empty(); }));
+  EXPECT_TRUE(liveIn(2));
+  EXPECT_EQ(slotReports.back()[1].title, "Backstage");
+  EXPECT_EQ(slotReports.back()[1].kind, "phone");
+
+  // Two messages in one segment, and one split over three.
+  phone.raw(R"({"type":"ice","candidate":{"candidate":"a","sdpMid":"0","sdpMLineIndex":0}})"
+            "\n"
+            R"({"type":"ice","candidate":"b","sdpMLineIndex":1})"
+            "\n   \n");
+  phone.raw(R"({"type":"offer","sdp":"v=0\r\n)");
+  phone.raw(R"(m=video 9 UDP/TLS/RTP/SAVPF 96\r\na=rtpmap:96 H264/90000\r\n)");
+  phone.raw("\"}\n");
+  const auto answer = phone.hear();
+  EXPECT_EQ(answer["type"], "answer");
+  EXPECT_THAT(answer["sdp"].get<std::string>(), HasSubstr("m=video"));
+  server->queue().sync([] {});
+  ASSERT_EQ(sessions[2]->candidates.size(), 2u);
+  EXPECT_EQ(sessions[2]->candidates[0]["candidate"], "a");
+  EXPECT_EQ(sessions[2]->candidates[1]["candidate"], "b");  // the message itself
+  EXPECT_THAT(logged(), Contains("Cam 2 offer m=video 9 UDP/TLS/RTP/SAVPF 96 (61 chars)"));
+  EXPECT_THAT(logged(), Contains("Cam 2 offer codecs a=rtpmap:96 H264/90000"));
+
+  phone.say({{"type", "capabilities"}, {"zoomMax", 5.0}});
+  ASSERT_TRUE(waitFor([&] { return !capsSeen.empty(); }));
+  EXPECT_EQ(capsSeen[0].first, 2);
+
+  server->sendControl(2, {{"type", "control"}, {"v", 1}, {"action", "zoom"}, {"value", 2.5}});
+  EXPECT_EQ(phone.hear()["action"], "zoom");
+  EXPECT_THAT(logged(), Contains("control → cam 2 zoom value=2.5"));
+
+  phone.say({{"type", "bye"}});
+  ASSERT_TRUE(waitFor([&] { return !slotReports.back()[1].live; }));
+  EXPECT_TRUE(sessions[2]->closed);
+  EXPECT_THAT(logged(), Contains("Cam 2 disconnected"));
+}
+
+TEST_F(Signaling, RefusalsLeaveThePhoneConnectedToTryAgain) {
+  const auto port = start();
+  server->setAcceptNewDevices(false);
+  Phone phone(port);
+  phone.say({{"type", "hello"}, {"pin", "1111"}});
+  EXPECT_EQ(phone.hear(),
+            (nlohmann::json{{"type", "pair-fail"}, {"message", "Wrong pairing code"}}));
+  phone.say({{"type", "hello"}, {"role", "viewer"}});
+  EXPECT_EQ(phone.hear()["message"], "This computer is the receiver.");
+  phone.say({{"type", "hello"}});  // no code at all passes
+  EXPECT_EQ(phone.hear()["slot"], 1);
+  phone.hear();
+
+  openSlots = 1;
+  Phone second(port);
+  second.say({{"type", "hello"}, {"pin", "4321"}});
+  EXPECT_EQ(second.hear(),
+            (nlohmann::json{{"type", "error"}, {"message", "All camera slots are full"}}));
+  second.say({{"type", "ping"}});  // still connected
+  EXPECT_EQ(second.hear()["type"], "pong");
+
+  second.raw("not json at all\n");
+  second.say({{"type", 7}});
+  ASSERT_TRUE(waitFor([&] { return std::ranges::count(logLines, "WS ignored 10 chars") == 1; }));
+  EXPECT_THAT(logged(), Contains("WS ignored 15 chars"));
+
+  phone.close();  // a lost connection frees the slot
+  ASSERT_TRUE(waitFor([&] { return !slotReports.empty() && !slotReports.back()[0].live; }));
+}
+
+TEST_F(Signaling, ASilentPeerIsNotedOnceAndAPortInUseIsReported) {
+  const auto port = start();
+  Phone quiet(port);
+  quiet.raw("\xff\xfe");  // not text
+  ASSERT_TRUE(waitFor([&] {
+    for (const auto& line : logLines)
+      if (line.starts_with("TCP open, no JSON line yet")) return true;
+    return false;
+  }));
+  EXPECT_THAT(logged(), Contains("TCP open, no JSON line yet (2 bytes)"));
+
+  auto other = TCPSignalingServer::make(nullptr, "127.0.0.1", port);
+  const auto error = other->start();
+  ASSERT_TRUE(error);
+  EXPECT_THAT(*error, HasSubstr("Can't listen for phones on port"));
+}
+
+}  // namespace
+}  // namespace qvn

@@ -15,6 +15,7 @@
 #include <thread>
 #include <typeinfo>
 
+#include "phones/tcp_signaling_server.h"
 #include "platform/app.h"
 #include "platform/defaults.h"
 #include "platform/files.h"
@@ -25,12 +26,15 @@ namespace {
 
 struct Options {
   bool headless = false;
+  bool phones = false;
+  std::uint16_t phonePort = qvn::TCPSignalingServer::kPort;
   std::optional<double> forSeconds;
   std::optional<std::string> dataRoot;
 };
 
 constexpr std::string_view kUsage =
-    "usage: quorvane-studio [--headless] [--for SECONDS] [--data-root DIR]\n";
+    "usage: quorvane-studio [--headless] [--for SECONDS] [--data-root DIR] [--phones]\n"
+    "                       [--phone-port N]\n";
 
 // An error text for the operator, or none when the options are good.
 std::optional<std::string> parse(int argc, char** argv, Options& options) {
@@ -54,6 +58,16 @@ std::optional<std::string> parse(int argc, char** argv, Options& options) {
       auto dir = value();
       if (!dir || dir->empty()) return "--data-root needs a folder";
       options.dataRoot = std::string(*dir);
+    } else if (arg == "--phones") {
+      options.phones = true;
+    } else if (arg == "--phone-port") {
+      auto text = value();
+      unsigned port = 0;
+      if (!text ||
+          std::from_chars(text->data(), text->data() + text->size(), port).ec != std::errc() ||
+          port < 1 || port > 65535)
+        return "--phone-port needs a port number from 1 to 65535";
+      options.phonePort = static_cast<std::uint16_t>(port);
     } else if (arg == "--publish" || arg == "--record") {
       return std::string(arg) + " is not part of this build yet";
     } else {
@@ -110,11 +124,15 @@ int main(int argc, char** argv) {
 
   qvn::LoopMainQueue main;
   qvn::Defaults settings(qvn::appPaths().settingsFile());
+  // As the first-run sheet would: the phone listener is on from now on.
+  if (options.phones) settings.set("qvn.phones.enabled", true);
   auto lifecycle = std::make_shared<qvn::ManualAppLifecycle>();
   auto hubs = qvn::StudioHubs::make();
   hubs.sleep = qvn::makeLogindSleepWatcher();
   hubs.stayAwake = qvn::makeLogindStayAwake();
   hubs.lifecycle = lifecycle;
+  if (options.phonePort != qvn::TCPSignalingServer::kPort)
+    hubs.signaling = qvn::TCPSignalingServer::make(nullptr, "0.0.0.0", options.phonePort);
   qvn::StudioShell shell({main, settings, hubs, nullptr}, lifecycle);
 
   // The status list goes to standard output as it grows.

@@ -1,8 +1,10 @@
 #include "phones/tcp_signaling_server.h"
 
+#include <cstdio>
 #include <sstream>
 #include <thread>
 
+#include "platform/net.h"
 #include "support/uuid.h"
 
 namespace qvn {
@@ -69,6 +71,7 @@ TCPSignalingServer::TCPSignalingServer(ReceiverSessionFactory makeSession, std::
 
 TCPSignalingServer::~TCPSignalingServer() {
   if (listener_) listener_->stop();
+  advert_.reset();
   queue_->sync([this] {
     for (auto& [client, phone] : phones_) phone.client->close();
     for (auto& [slot, s] : slots_) s.session->close();
@@ -105,8 +108,30 @@ std::optional<std::string> TCPSignalingServer::start() {
       },
       error);
   if (!listener_) return "Can't listen for phones on port " + std::to_string(port_) + ": " + error;
+  advertise();
   log("Listening on: " + std::to_string(port()) + " (Bonjour _quorvane-cam._tcp, TCP JSON)");
   return std::nullopt;
+}
+
+// Phones find the studio by its announcement; the port in it is the one really listened on.
+void TCPSignalingServer::advertise() {
+  const std::string name = "Quorvane Studio";
+  const std::string ip = localIPv4Address();
+  const std::string portText = std::to_string(port());
+  auto say = [print = onDiagnostics](const std::string& line) {
+    if (print) {
+      print(line);
+    } else {
+      std::printf("%s\n", line.c_str());
+      std::fflush(stdout);
+    }
+  };
+  say("[Bonjour] publishing " + name + " ip=" + ip + " port=" + portText);
+  advert_ = ServiceAdvert::publish(
+      {name, "_quorvane-cam._tcp", port(), {{"ip", ip}, {"port", portText}, {"name", name}}},
+      [say, name](bool published, const std::string& detail) {
+        say(published ? "[Bonjour] published " + name : "[Bonjour] publish failed " + detail);
+      });
 }
 
 // ---- Connections ----------------------------------------------------------------------------

@@ -20,6 +20,7 @@
 #include "phones/signaling_server.h"
 #include "platform/dispatch.h"
 #include "platform/net_connection.h"
+#include "platform/service_advert.h"
 
 namespace qvn {
 
@@ -39,6 +40,9 @@ class TCPSignalingServer final : public SignalingServer,
   void setPin(std::string pin) override;
   void setAcceptNewDevices(bool accept) override;
   std::optional<std::string> start() override;
+
+  // Diagnostics of the local-network announcement; standard output unless set.
+  std::function<void(const std::string& line)> onDiagnostics;
 
   // The port listened on, once started.
   std::uint16_t port() const { return listener_ ? listener_->port() : port_; }
@@ -62,6 +66,7 @@ class TCPSignalingServer final : public SignalingServer,
 
   TCPSignalingServer(ReceiverSessionFactory makeSession, std::string address, std::uint16_t port);
   void log(const std::string& text) const;
+  void advertise();
   void accept(std::shared_ptr<NetConnection> connection);
   void handle(const std::string& line, LineClient* client);
   void hello(const nlohmann::json& message, LineClient* client);
@@ -78,6 +83,7 @@ class TCPSignalingServer final : public SignalingServer,
   std::uint16_t port_;
   std::unique_ptr<SerialQueue> queue_;
   std::shared_ptr<NetListener> listener_;
+  std::unique_ptr<ServiceAdvert> advert_;
 
   // The queue's own.
   std::map<LineClient*, Phone> phones_;

@@ -2,6 +2,8 @@
 // read its answers; the studio's side is the server's callbacks, written down.
 #include "phones/tcp_signaling_server.h"
 
+#include "platform/net.h"
+
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
@@ -88,6 +90,9 @@ class Signaling : public ::testing::Test {
         },
         "127.0.0.1", 0);
     server->onLog = [this](std::string line) { note([&] { logLines.push_back(line); }); };
+    server->onDiagnostics = [this](const std::string& line) {
+      note([&] { diagnostics.push_back(line); });
+    };
     server->onSlotsChanged = [this](std::vector<CameraSlot> rows) {
       note([&] { slotReports.push_back(rows); });
     };
@@ -126,6 +131,7 @@ class Signaling : public ::testing::Test {
   std::mutex mutex;
   std::condition_variable changed;
   std::vector<std::string> logLines;
+  std::vector<std::string> diagnostics;
   std::vector<std::vector<CameraSlot>> slotReports;
   std::vector<std::pair<int, nlohmann::json>> capsSeen;
   std::map<int, std::shared_ptr<FakeAnswer>> sessions;
@@ -227,6 +233,12 @@ TEST_F(Signaling, ASilentPeerIsNotedOnceAndAPortInUseIsReported) {
     return false;
   }));
   EXPECT_THAT(logged(), Contains("TCP open, no JSON line yet (2 bytes)"));
+
+  // With no mDNS daemon here the announcement fails, and the server runs on all the same.
+  ASSERT_TRUE(waitFor([&] { return diagnostics.size() >= 2; }));
+  EXPECT_EQ(diagnostics[0], "[Bonjour] publishing Quorvane Studio ip=" + localIPv4Address() +
+                                " port=" + std::to_string(port));
+  EXPECT_THAT(diagnostics[1], HasSubstr("[Bonjour] publish failed"));
 
   auto other = TCPSignalingServer::make(nullptr, "127.0.0.1", port);
   const auto error = other->start();

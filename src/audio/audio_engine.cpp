@@ -1,6 +1,7 @@
 #include "audio/audio_engine.h"
 
 #include <cmath>
+#include <thread>
 #include <vector>
 
 #include "platform/defaults.h"
@@ -24,9 +25,16 @@ AudioEngine::AudioEngine()
 
 AudioEngine::~AudioEngine() {
   drainTimer_.cancel();
-  std::lock_guard lock(controlLock_);
-  output_.reset();
-  programOutput_.reset();
+  publishTimer_.cancel();
+  {
+    std::lock_guard lock(controlLock_);
+    output_.reset();
+    programOutput_.reset();
+  }
+  // A drain holds the engine while it runs, so the last reference may go inside one; a
+  // queue can't join its own thread, so then it is let go from a thread of its own.
+  if (busQueue_->isCurrent())
+    std::thread([queue = std::move(busQueue_)]() mutable { queue.reset(); }).detach();
 }
 
 // ---- Running ------------------------------------------------------------------------------
@@ -217,6 +225,16 @@ void AudioEngine::addBusConsumer(const std::string& name, Consumer consumer) {
 }
 
 void AudioEngine::drainNow() {
+  // The device went away under a running mix: start again, on another device or the clock.
+  bool lost;
+  {
+    std::lock_guard lock(controlLock_);
+    lost = started_ && output_ && !output_->isRunning();
+  }
+  if (lost) {
+    QvnLog::line("audio engine configuration change — restarting");
+    restart();
+  }
   std::vector<Consumer> stream, record;
   {
     std::lock_guard lock(consumerLock_);

@@ -320,6 +320,10 @@ void AudioMix::renderProgram(int frames, float* left, float* right) {
   if (frames < 1) return;
   const std::int64_t w = program_->write.load(std::memory_order_acquire);
   std::int64_t r = program_->read.load(std::memory_order_relaxed);
+  if (w - r > kBusFrames / 2) {  // stalled far behind: pick up the newest audio
+    r = w - 2400;
+    programPhase_ = 0;
+  }
   const std::int64_t fill = w - r;
   // Between 40 and 70 ms behind; a slightly faster or slower read brings it back.
   if (fill < 1920) programRatio_ = std::max(programRatio_ - 0.00005, 0.997);

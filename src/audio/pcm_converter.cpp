@@ -63,10 +63,12 @@ const float* PCMConverter::convert(const PCMView& pcm, int& frames) {
   if (pcm.rate == 48000 && pcm.format == SampleFormat::float32) return pick(pcm, frames);
   const FormatKey key{pcm.rate, pcm.channels, pcm.format, pcm.interleaved};
   if ((!swr_ || !(key == key_)) && !rebuild(key)) return nullptr;
-  resampled_.resize(size_t(kMaxFrames) * size_t(pcm.channels));
+  // Room for all it will give back, so nothing piles up inside the resampler.
+  const int room = std::max(swr_get_out_samples(swr_, pcm.frames), 1);
+  resampled_.resize(size_t(room) * size_t(pcm.channels));
   auto* out = reinterpret_cast<std::uint8_t*>(resampled_.data());
   const int converted = swr_convert(
-      swr_, &out, kMaxFrames,
+      swr_, &out, room,
       reinterpret_cast<const std::uint8_t**>(const_cast<const void**>(pcm.planes.data())),
       pcm.frames);
   if (converted <= 0) return nullptr;

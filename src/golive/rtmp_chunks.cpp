@@ -74,7 +74,10 @@ void ChunkParser::parse(std::vector<std::uint8_t>& inbound,
       header = 3;
     }
 
-    InChunk chunk = chunks_[csid];
+    // The header is worked on in a copy and stored only once the chunk is whole; the payload
+    // stays where it is, so a long message costs its bytes once, not once per chunk.
+    InChunk& stream = chunks_[csid];
+    InChunk::Header chunk = stream.header;
     auto withExtension = [&](std::uint32_t value, bool& ok) {
       if (value <= 0xFFFFFE) return value;
       if (available < header + 4) {
@@ -117,24 +120,22 @@ void ChunkParser::parse(std::vector<std::uint8_t>& inbound,
     }
     if (!ok) break;
 
-    if (chunk.payload.size() > chunk.msgLen) {
+    if (stream.payload.size() > chunk.msgLen) {
       // A new header shrank the message under what was already held.
       ++at;
-      chunks_[csid] = InChunk{};
+      stream = InChunk{};
       continue;
     }
-    const size_t take = std::min<size_t>(chunk.msgLen - chunk.payload.size(), chunkSize_);
+    const size_t take = std::min<size_t>(chunk.msgLen - stream.payload.size(), chunkSize_);
     if (available < header + take) break;
-    chunk.payload.insert(chunk.payload.end(), p + header, p + header + take);
+    stream.header = chunk;
+    stream.payload.insert(stream.payload.end(), p + header, p + header + take);
     at += header + take;
-    if (chunk.payload.size() >= chunk.msgLen) {
+    if (stream.payload.size() >= chunk.msgLen) {
       RTMPMessage message{csid, chunk.msgType, chunk.msgStreamId, chunk.timestamp,
-                          std::move(chunk.payload)};
-      chunk.payload.clear();
-      chunks_[csid] = chunk;
-      onMessage(message);
-    } else {
-      chunks_[csid] = std::move(chunk);
+                          std::move(stream.payload)};
+      stream.payload.clear();
+      onMessage(message);  // may change the chunk size, never the map
     }
     if (at <= startAt) break;
   }

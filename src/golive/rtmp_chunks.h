@@ -39,12 +39,14 @@ class ChunkParser {
 
  private:
   struct InChunk {
-    std::uint32_t timestamp = 0;
-    std::uint32_t msgLen = 0;
-    std::uint8_t msgType = 0;
-    std::uint32_t msgStreamId = 0;
-    std::vector<std::uint8_t> payload;
-    bool hasHeader = false;
+    struct Header {
+      std::uint32_t timestamp = 0;
+      std::uint32_t msgLen = 0;
+      std::uint8_t msgType = 0;
+      std::uint32_t msgStreamId = 0;
+      bool hasHeader = false;
+    } header;
+    std::vector<std::uint8_t> payload;  // the message so far
   };
   std::map<std::uint32_t, InChunk> chunks_;
   std::uint32_t chunkSize_ = 128;

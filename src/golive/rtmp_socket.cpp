@@ -324,11 +324,12 @@ void RTMPSocket::onCommand(const RTMPMessage& message) {
     QvnLog::line("golive rtmp onStatus " + code);
     if (code == "NetStream.Publish.Start") {
       {
+        // Ready only while not failed: a time-out can't slip in between.
         std::lock_guard lock(stateLock_);
         timeout_.cancel();
         if (failed_ || closing_) return;
+        ready_ = true;
       }
-      ready_ = true;
       QvnLog::line("golive rtmp NetStream.Publish.Start");
       if (onReady) onReady();
     } else if (code.find("Failed") != std::string::npos ||

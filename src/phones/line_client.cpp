@@ -10,6 +10,7 @@ namespace {
 
 constexpr size_t kReadMost = 65536;
 constexpr double kSilenceSeconds = 2.0;
+constexpr size_t kLongestLine = 1 << 20;
 
 bool validUTF8(const std::vector<std::uint8_t>& bytes) {
   const size_t n = bytes.size();
@@ -56,7 +57,7 @@ void LineClient::start(Queue& timers) {
           self->notifyClosed();
         }
       });
-  readNext();
+  // Armed before the first read, so a peer that closes at once finds it in place to cancel.
   silenceCheck_ = DelayedWork::schedule(timers, kSilenceSeconds, [weak = weak_from_this()] {
     auto self = weak.lock();
     if (!self || self->closed_ || self->sawLine_) return;
@@ -72,6 +73,7 @@ void LineClient::start(Queue& timers) {
                                               : std::to_string(first.size()) + " bytes";
     if (log) log("TCP open, no JSON line yet (" + text + ")");
   });
+  readNext();
 }
 
 void LineClient::readNext() {
@@ -99,7 +101,7 @@ void LineClient::take(const std::vector<std::uint8_t>& data) {
   }
   buffer_.insert(buffer_.end(), data.begin(), data.end());
   size_t start = 0;
-  for (size_t i = 0; i < buffer_.size(); ++i) {
+  for (size_t i = scanned_; i < buffer_.size(); ++i) {
     if (buffer_[i] != '\n') continue;
     std::vector<std::uint8_t> line(buffer_.begin() + long(start), buffer_.begin() + long(i));
     start = i + 1;
@@ -115,6 +117,12 @@ void LineClient::take(const std::vector<std::uint8_t>& data) {
     if (handler) handler(text);
   }
   buffer_.erase(buffer_.begin(), buffer_.begin() + long(start));
+  scanned_ = buffer_.size();  // no line feed in what is left
+  // An offer fits many times over; a peer that sends more without a line feed is not a phone.
+  if (buffer_.size() > kLongestLine) {
+    log("TCP line too long, closing");
+    notifyClosed();
+  }
 }
 
 void LineClient::send(const nlohmann::json& message) {

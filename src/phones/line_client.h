@@ -40,6 +40,7 @@ class LineClient : public std::enable_shared_from_this<LineClient> {
 
   std::shared_ptr<NetConnection> connection_;
   std::vector<std::uint8_t> buffer_;  // the network thread's
+  size_t scanned_ = 0;                // bytes of it known to hold no line feed
   std::atomic<bool> closed_{false};
   std::atomic<bool> sawLine_{false};
   // Guards the callbacks (taken once by whichever thread closes first) and the first bytes.

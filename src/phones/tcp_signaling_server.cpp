@@ -141,17 +141,25 @@ void TCPSignalingServer::accept(std::shared_ptr<NetConnection> connection) {
   LineClient* key = client.get();
   phones_[key] = Phone{client, std::nullopt};
   std::weak_ptr<TCPSignalingServer> weak = weak_from_this();
-  client->onText = [weak, key](const std::string& line) {
+  // Jobs name the phone by its client's address; once that client is gone a new one may
+  // take the same address, so each job checks it still finds the same client.
+  std::weak_ptr<LineClient> same = client;
+  auto onQueue = [weak, key, same](auto work) {
     if (auto self = weak.lock())
-      self->queue_->async([weak, key, line] {
-        if (auto server = weak.lock()) server->handle(line, key);
+      self->queue_->async([weak, key, same, work] {
+        auto server = weak.lock();
+        auto c = same.lock();
+        if (!server || !c) return;
+        if (auto it = server->phones_.find(key);
+            it != server->phones_.end() && it->second.client == c)
+          work(*server);
       });
   };
-  client->onClose = [weak, key] {
-    if (auto self = weak.lock())
-      self->queue_->async([weak, key] {
-        if (auto server = weak.lock()) server->drop(key);
-      });
+  client->onText = [onQueue, key](const std::string& line) {
+    onQueue([key, line](TCPSignalingServer& server) { server.handle(line, key); });
+  };
+  client->onClose = [onQueue, key] {
+    onQueue([key](TCPSignalingServer& server) { server.drop(key); });
   };
   client->onState = [weak](const std::string& line) {
     if (auto self = weak.lock()) self->log(line);

@@ -274,19 +274,24 @@ void NetListener::acceptNext() {
   auto next = std::shared_ptr<NetConnection>(
       new NetConnection(std::make_unique<NetConnection::Impl>(NetConnection::Endpoint{}, nullptr)));
   impl_->next = next;
-  impl_->acceptor.async_accept(
-      next->impl_->socket, [weak = weak_from_this(), next](const error_code& ec) {
-        auto self = weak.lock();
-        if (!self || ec == asio::error::operation_aborted || !self->impl_->acceptor.is_open())
-          return;
-        if (!ec) {
-          error_code ignored;
-          next->impl_->socket.set_option(tcp::no_delay(true), ignored);
-          next->impl_->isReady = true;
-          if (self->impl_->onAccept) self->impl_->onAccept(next);
-        }
-        self->acceptNext();
+  impl_->acceptor.async_accept(next->impl_->socket, [weak = weak_from_this(),
+                                                     next](const error_code& ec) {
+    auto self = weak.lock();
+    if (!self || ec == asio::error::operation_aborted || !self->impl_->acceptor.is_open()) return;
+    if (ec) {
+      // Out of descriptors or the like: a moment's rest rather than a busy loop.
+      auto rest = std::make_shared<asio::steady_timer>(net().io(), std::chrono::milliseconds(100));
+      rest->async_wait([weak, rest](const error_code&) {
+        if (auto again = weak.lock()) again->acceptNext();
       });
+      return;
+    }
+    error_code ignored;
+    next->impl_->socket.set_option(tcp::no_delay(true), ignored);
+    next->impl_->isReady = true;
+    if (self->impl_->onAccept) self->impl_->onAccept(next);
+    self->acceptNext();
+  });
 }
 
 void NetListener::stop() {

@@ -11,10 +11,13 @@ TurnedLayers::Turned TurnedLayers::turned(const PixelBufferRef& image, const Aff
   auto placed = [&](const Entry& e) {
     return Turned{e.painter->canvas().get(), {1, 0, 0, 1, wholeX + e.originX, wholeY + e.originY}};
   };
-  for (const Entry& e : entries_)
+  ++clock_;
+  for (Entry& e : entries_)
     if (e.painter && e.image == image && e.a == m.a && e.b == m.b && e.c == m.c && e.d == m.d &&
-        e.fx == fx && e.fy == fy)
+        e.fx == fx && e.fy == fy) {
+      e.lastUse = clock_;
       return placed(e);
+    }
 
   // Where the turned picture lies, a pixel clear of its smoothed edge on every side.
   const Affine linear{m.a, m.b, m.c, m.d, fx, fy};
@@ -32,7 +35,19 @@ TurnedLayers::Turned TurnedLayers::turned(const PixelBufferRef& image, const Aff
   const int width = int(std::ceil(maxX)) - originX + 1, height = int(std::ceil(maxY)) - originY + 1;
   if (width <= 0 || height <= 0) return {};
 
-  Entry& e = entries_[next_++ % kKept];
+  // The picture used longest ago makes room; one of the same size is drawn into again.
+  Entry* pick = &entries_[0];
+  for (Entry& candidate : entries_) {
+    const bool sameSize = candidate.painter && candidate.painter->canvas()->width() == width &&
+                          candidate.painter->canvas()->height() == height;
+    if (sameSize && candidate.image == image) {
+      pick = &candidate;
+      break;
+    }
+    if (candidate.lastUse < pick->lastUse) pick = &candidate;
+  }
+  Entry& e = *pick;
+  e.lastUse = clock_;
   // A layer sliding while turned keeps its size: its buffer is drawn again, not made again.
   if (!e.painter || e.painter->canvas()->width() != width ||
       e.painter->canvas()->height() != height) {

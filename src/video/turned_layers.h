@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <memory>
 
 #include "platform/pixel_buffer.h"
@@ -27,11 +28,13 @@ class TurnedLayers {
     PixelBufferRef image;
     double a = 0, b = 0, c = 0, d = 0, fx = 0, fy = 0;
     int originX = 0, originY = 0;
+    std::uint64_t lastUse = 0;
     std::unique_ptr<CanvasPainter> painter;
   };
-  static constexpr size_t kKept = 8;
+  // Enough for every layer of Program and a scaled Preview at once.
+  static constexpr size_t kKept = 16;
   std::array<Entry, kKept> entries_{};
-  size_t next_ = 0;
+  std::uint64_t clock_ = 0;
 };
 
 }  // namespace qvn

@@ -97,10 +97,13 @@ class PulseOutput final : public AudioOutput {
           this);
       pa_stream_set_state_callback(
           stream_,
-          [](pa_stream*, void* loop) {
-            pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(loop), 0);
+          [](pa_stream* s, void* self) {
+            auto* output = static_cast<PulseOutput*>(self);
+            // A stream the server ended (or lost) is no longer running: its owner restarts.
+            if (!PA_STREAM_IS_GOOD(pa_stream_get_state(s))) output->running_ = false;
+            pa_threaded_mainloop_signal(output->session_->loop(), 0);
           },
-          session_->loop());
+          this);
       // About 20 ms queued at the server: low enough to monitor by, enough not to starve.
       pa_buffer_attr attr{};
       attr.maxlength = uint32_t(-1);
@@ -137,6 +140,7 @@ class PulseOutput final : public AudioOutput {
     running_ = false;
     if (stream_) {
       pa_stream_set_write_callback(stream_, nullptr, nullptr);
+      pa_stream_set_state_callback(stream_, nullptr, nullptr);
       pa_stream_disconnect(stream_);
       pa_stream_unref(stream_);
     }

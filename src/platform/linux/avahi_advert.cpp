@@ -1,7 +1,9 @@
 // The local-network announcement through the Avahi daemon, on Avahi's own thread.
 #include <avahi-client/client.h>
 #include <avahi-client/publish.h>
+#include <avahi-common/alternative.h>
 #include <avahi-common/error.h>
+#include <avahi-common/malloc.h>
 #include <avahi-common/thread-watch.h>
 
 #include "platform/service_advert.h"
@@ -39,20 +41,30 @@ class AvahiAdvert final : public ServiceAdvert {
   static void clientChanged(AvahiClient* client, AvahiClientState state, void* self) {
     auto* advert = static_cast<AvahiAdvert*>(self);
     if (state == AVAHI_CLIENT_S_RUNNING) advert->addService(client);
+    // The host name changed or clashed: withdraw, and publish again once it runs.
+    if ((state == AVAHI_CLIENT_S_COLLISION || state == AVAHI_CLIENT_S_REGISTERING) &&
+        advert->group_)
+      avahi_entry_group_reset(advert->group_);
     if (state == AVAHI_CLIENT_FAILURE) advert->fail(avahi_strerror(avahi_client_errno(client)));
   }
 
-  static void groupChanged(AvahiEntryGroup*, AvahiEntryGroupState state, void* self) {
+  static void groupChanged(AvahiEntryGroup* group, AvahiEntryGroupState state, void* self) {
     auto* advert = static_cast<AvahiAdvert*>(self);
     if (state == AVAHI_ENTRY_GROUP_ESTABLISHED && advert->report_) advert->report_(true, "");
-    if (state == AVAHI_ENTRY_GROUP_COLLISION) advert->fail("the name is taken on this network");
+    if (state == AVAHI_ENTRY_GROUP_COLLISION) {
+      // Another studio has the name on this network: take the next one ("… #2").
+      char* other = avahi_alternative_service_name(advert->service_.name.c_str());
+      advert->service_.name = other;
+      avahi_free(other);
+      advert->addService(avahi_entry_group_get_client(group));
+    }
     if (state == AVAHI_ENTRY_GROUP_FAILURE) advert->fail("the daemon refused the service");
   }
 
   void addService(AvahiClient* client) {
-    if (group_) return;
-    group_ = avahi_entry_group_new(client, &AvahiAdvert::groupChanged, this);
+    if (!group_) group_ = avahi_entry_group_new(client, &AvahiAdvert::groupChanged, this);
     if (!group_) return fail(avahi_strerror(avahi_client_errno(client)));
+    if (!avahi_entry_group_is_empty(group_)) avahi_entry_group_reset(group_);
     AvahiStringList* txt = nullptr;
     for (const auto& [key, value] : service_.txt)
       txt = avahi_string_list_add_pair(txt, key.c_str(), value.c_str());

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "audio/audio_engine.h"
-#include "golive/child_process.h"
+#include "testing/child_process.h"
 
 // The sound server's client library is built without the race detector; its own locking
 // is invisible to it.

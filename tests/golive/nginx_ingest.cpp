@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "golive/child_process.h"
+#include "testing/child_process.h"
 
 namespace qvn::test {
 namespace {

@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "golive/child_process.h"
+#include "testing/child_process.h"
 #include "golive/flv_tags.h"
 #include "golive/nginx_ingest.h"
 #include "golive/paced_publisher.h"

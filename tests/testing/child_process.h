@@ -1,4 +1,4 @@
-// Real tools the publishing tests and the bench talk to (nginx, ffmpeg, ffprobe, openssl):
+// Real tools the tests and benches talk to (nginx, ffmpeg, ffprobe, openssl, a sound server):
 // started with fork/exec, watched, and ended by their own process id only, so nothing else
 // on the machine is ever signalled.
 #pragma once

@@ -1,4 +1,4 @@
-#include "golive/child_process.h"
+#include "testing/child_process.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>

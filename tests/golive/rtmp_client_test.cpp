@@ -255,15 +255,26 @@ Bytes status(const std::string& code) {
       .bytes();
 }
 
-TEST(RTMPClient, PublishesThenUnpublishesInOrder) {
+// A client connected to a scripted server and past the handshake.
+struct Session {
+  Session(const std::string& path, const std::string& key, Queue* timers = nullptr)
+      : socket(RTMPSocket::make(timers)) {
+    outcome.attach(*socket);
+    socket->connect("rtmp://127.0.0.1:" + std::to_string(peer.port()) + path, key);
+    accepted = peer.accept();
+    if (accepted) server.handshake();
+  }
   ScriptedPeer peer;
   Outcome outcome;
-  auto socket = RTMPSocket::make();
-  outcome.attach(*socket);
-  socket->connect("rtmp://127.0.0.1:" + std::to_string(peer.port()) + "/live", "show");
-  ASSERT_TRUE(peer.accept());
-  Server server(peer);
-  server.handshake();
+  std::shared_ptr<RTMPSocket> socket;
+  Server server{peer};
+  bool accepted = false;
+};
+
+TEST(RTMPClient, PublishesThenUnpublishesInOrder) {
+  Session session("/live", "show");
+  ASSERT_TRUE(session.accepted);
+  auto& [peer, outcome, socket, server, accepted] = session;
 
   RTMPMessage chunkSize = server.next();
   EXPECT_EQ(chunkSize.type, 1);
@@ -316,14 +327,9 @@ TEST(RTMPClient, PublishesThenUnpublishesInOrder) {
 
 TEST(RTMPClient, EachEndIsReportedOnceWithItsReason) {
   {  // an error reply
-    ScriptedPeer peer;
-    Outcome outcome;
-    auto socket = RTMPSocket::make();
-    outcome.attach(*socket);
-    socket->connect("rtmp://127.0.0.1:" + std::to_string(peer.port()) + "/live/k", "");
-    ASSERT_TRUE(peer.accept());
-    Server server(peer);
-    server.handshake();
+    Session session("/live/k", "");
+    ASSERT_TRUE(session.accepted);
+    auto& [peer, outcome, socket, server, accepted] = session;
     EXPECT_EQ(server.nextCommand(), "connect");
     server.command(amf0::Writer().string("_error").number(1).bytes());
     peer.closeClient();  // and the connection goes too: still one report
@@ -332,14 +338,9 @@ TEST(RTMPClient, EachEndIsReportedOnceWithItsReason) {
     EXPECT_EQ(outcome.failures, (std::vector<std::string>{"RTMP command error"}));
   }
   {  // a refused publish
-    ScriptedPeer peer;
-    Outcome outcome;
-    auto socket = RTMPSocket::make();
-    outcome.attach(*socket);
-    socket->connect("rtmp://127.0.0.1:" + std::to_string(peer.port()) + "/live", "k");
-    ASSERT_TRUE(peer.accept());
-    Server server(peer);
-    server.handshake();
+    Session session("/live", "k");
+    ASSERT_TRUE(session.accepted);
+    auto& [peer, outcome, socket, server, accepted] = session;
     server.nextCommand();
     server.command(status("NetStream.Publish.Denied"), 5);  // neither: nothing happens
     server.command(status("NetStream.Publish.Rejected"), 5);
@@ -367,36 +368,25 @@ TEST(RTMPClient, EachEndIsReportedOnceWithItsReason) {
 
 TEST(RTMPClient, ThePublishTimeOutEndsASilentServerAndCloseBeforeReadySendsNothing) {
   ManualMainQueue timers;
-  ScriptedPeer peer;
-  Outcome outcome;
-  auto socket = RTMPSocket::make(&timers);
-  outcome.attach(*socket);
-  socket->connect("rtmp://127.0.0.1:" + std::to_string(peer.port()) + "/live", "k");
-  ASSERT_TRUE(peer.accept());
-  Server server(peer);
-  server.handshake();
-  server.nextCommand();
-  timers.advance(14.9);
-  EXPECT_TRUE(outcome.failures.empty());
+  {
+    Session silent("/live", "k", &timers);
+    ASSERT_TRUE(silent.accepted);
+    silent.server.nextCommand();
+    timers.advance(14.9);
+    EXPECT_TRUE(silent.outcome.failures.empty());
+    timers.advance(0.2);
+    EXPECT_EQ(silent.outcome.failures, (std::vector<std::string>{"Ingest publish timed out"}));
+    EXPECT_TRUE(silent.peer.clientClosed());
+    timers.advance(20);
+    EXPECT_EQ(silent.outcome.failures.size(), 1u);
+  }
+  Session early("/live", "k", &timers);
+  ASSERT_TRUE(early.accepted);
+  early.server.nextCommand();
+  early.socket->close();
   timers.advance(0.2);
-  EXPECT_EQ(outcome.failures, (std::vector<std::string>{"Ingest publish timed out"}));
-  EXPECT_TRUE(peer.clientClosed());
-  timers.advance(20);
-  EXPECT_EQ(outcome.failures.size(), 1u);
-
-  ScriptedPeer second;
-  Outcome quiet;
-  auto early = RTMPSocket::make(&timers);
-  quiet.attach(*early);
-  early->connect("rtmp://127.0.0.1:" + std::to_string(second.port()) + "/live", "k");
-  ASSERT_TRUE(second.accept());
-  Server other(second);
-  other.handshake();
-  other.nextCommand();
-  early->close();
-  timers.advance(0.2);
-  EXPECT_TRUE(second.readAvailable().empty());  // no FCUnpublish: it never published
-  EXPECT_TRUE(quiet.failures.empty());
+  EXPECT_TRUE(early.peer.readAvailable().empty());  // no FCUnpublish: it never published
+  EXPECT_TRUE(early.outcome.failures.empty());
 }
 
 }  // namespace

@@ -16,10 +16,10 @@
 #include <thread>
 #include <vector>
 
-#include "testing/child_process.h"
 #include "golive/flv_tags.h"
 #include "golive/nginx_ingest.h"
 #include "golive/paced_publisher.h"
+#include "testing/child_process.h"
 
 namespace qvn::test {
 namespace {

@@ -85,8 +85,8 @@ class PulseOutput final : public AudioOutput {
 
   bool open(const std::optional<std::string>& device, std::string& error) {
     pa_threaded_mainloop_lock(session_->loop());
-    const pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, kRate, 2};
-    stream_ = pa_stream_new(session_->context(), "Monitor", &spec, nullptr);
+    const pa_sample_spec format{PA_SAMPLE_FLOAT32LE, kRate, 2};
+    stream_ = pa_stream_new(session_->context(), "Monitor", &format, nullptr);
     bool ok = stream_ != nullptr;
     if (ok) {
       pa_stream_set_write_callback(
@@ -107,7 +107,7 @@ class PulseOutput final : public AudioOutput {
       // About 20 ms queued at the server: low enough to monitor by, enough not to starve.
       pa_buffer_attr attr{};
       attr.maxlength = uint32_t(-1);
-      attr.tlength = uint32_t(pa_usec_to_bytes(20000, &spec));
+      attr.tlength = uint32_t(pa_usec_to_bytes(20000, &format));
       attr.prebuf = uint32_t(-1);
       attr.minreq = uint32_t(-1);
       attr.fragsize = uint32_t(-1);

@@ -1,7 +1,6 @@
 #include "audio/audio_engine.h"
 
 #include <cmath>
-#include <thread>
 #include <vector>
 
 #include "platform/defaults.h"
@@ -31,10 +30,8 @@ AudioEngine::~AudioEngine() {
     output_.reset();
     programOutput_.reset();
   }
-  // A drain holds the engine while it runs, so the last reference may go inside one; a
-  // queue can't join its own thread, so then it is let go from a thread of its own.
-  if (busQueue_->isCurrent())
-    std::thread([queue = std::move(busQueue_)]() mutable { queue.reset(); }).detach();
+  // A drain holds the engine while it runs, so the last reference may go inside one.
+  SerialQueue::release(std::move(busQueue_));
 }
 
 // ---- Running ------------------------------------------------------------------------------

@@ -1,5 +1,7 @@
 #include "golive/rtmp_url.h"
 
+#include "support/camera_slot.h"
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -8,13 +10,6 @@
 namespace qvn {
 
 namespace {
-
-std::string trimmed(const std::string& text) {
-  auto blank = [](unsigned char c) { return std::isspace(c) != 0; };
-  auto first = std::find_if_not(text.begin(), text.end(), blank);
-  auto last = std::find_if_not(text.rbegin(), text.rend(), blank).base();
-  return first < last ? std::string(first, last) : std::string();
-}
 
 std::string lowered(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));

@@ -1,7 +1,8 @@
 #include "phones/line_client.h"
 
+#include "support/camera_slot.h"
+
 #include <algorithm>
-#include <cctype>
 #include <nlohmann/json.hpp>
 
 namespace qvn {
@@ -27,13 +28,6 @@ bool validUTF8(const std::vector<std::uint8_t>& bytes) {
     i += size_t(extra) + 1;
   }
   return true;
-}
-
-std::string trimmed(const std::string& text) {
-  auto blank = [](unsigned char c) { return std::isspace(c) != 0; };
-  auto first = std::find_if_not(text.begin(), text.end(), blank);
-  auto last = std::find_if_not(text.rbegin(), text.rend(), blank).base();
-  return first < last ? std::string(first, last) : std::string();
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <sstream>
-#include <thread>
 
 #include "platform/net.h"
 #include "support/uuid.h"
@@ -76,10 +75,8 @@ TCPSignalingServer::~TCPSignalingServer() {
     for (auto& [client, phone] : phones_) phone.client->close();
     for (auto& [slot, s] : slots_) s.session->close();
   });
-  // Jobs hold the server only while they run, so the last reference may go inside one; a
-  // queue can't join its own thread, so then it is let go from a thread of its own.
-  if (queue_->isCurrent())
-    std::thread([queue = std::move(queue_)]() mutable { queue.reset(); }).detach();
+  // Jobs hold the server only while they run, so the last reference may go inside one.
+  SerialQueue::release(std::move(queue_));
 }
 
 void TCPSignalingServer::setPin(std::string pin) {

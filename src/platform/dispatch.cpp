@@ -236,6 +236,11 @@ const std::string& SerialQueue::label() const {
   return state_->label;
 }
 
+void SerialQueue::release(std::unique_ptr<SerialQueue> queue) {
+  if (queue && queue->isCurrent())
+    std::thread([queue = std::move(queue)]() mutable { queue.reset(); }).detach();
+}
+
 std::string SerialQueue::threadName(const std::string& label) {
   constexpr std::array<std::string_view, 2> kPrefixes = {"io.quorvane.camera.", "io.quorvane."};
   constexpr size_t kMaxThreadName = 15;  // the kernel's limit, without the terminator

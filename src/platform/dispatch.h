@@ -72,6 +72,11 @@ class SerialQueue final : public Queue {
   // The short thread name derived from a label (at most 15 characters).
   static std::string threadName(const std::string& label);
 
+  // For an owner whose last reference may go inside one of its own queue's jobs: a queue
+  // can't join its own thread, so from there it is let go on a thread of its own; from any
+  // other thread it is destroyed at once.
+  static void release(std::unique_ptr<SerialQueue> queue);
+
  private:
   struct State;
   std::unique_ptr<State> state_;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <thread>
 
 #include "support/qvn_log.h"
 #include "video/standby_picture.h"
@@ -40,10 +39,8 @@ MixEngine::MixEngine(std::shared_ptr<FrameHub> frames)
 
 MixEngine::~MixEngine() {
   timer_.cancel();
-  // Jobs hold the engine only while they run, so the last reference may go inside one; a
-  // queue can't join its own thread, so then it is let go from a thread of its own.
-  if (queue_->isCurrent())
-    std::thread([queue = std::move(queue_)]() mutable { queue.reset(); }).detach();
+  // Jobs hold the engine only while they run, so the last reference may go inside one.
+  SerialQueue::release(std::move(queue_));
 }
 
 int MixEngine::canvasWidth() {

@@ -27,14 +27,14 @@ namespace {
 struct Options {
   bool headless = false;
   bool phones = false;
-  std::uint16_t phonePort = qvn::TCPSignalingServer::kPort;
+  qvn::PhoneOptions phoneOptions;
   std::optional<double> forSeconds;
   std::optional<std::string> dataRoot;
 };
 
 constexpr std::string_view kUsage =
     "usage: quorvane-studio [--headless] [--for SECONDS] [--data-root DIR] [--phones]\n"
-    "                       [--phone-port N]\n";
+    "                       [--phone-port N] [--phone-local-addr ADDRESS]\n";
 
 // An error text for the operator, or none when the options are good.
 std::optional<std::string> parse(int argc, char** argv, Options& options) {
@@ -67,7 +67,11 @@ std::optional<std::string> parse(int argc, char** argv, Options& options) {
           std::from_chars(text->data(), text->data() + text->size(), port).ec != std::errc() ||
           port < 1 || port > 65535)
         return "--phone-port needs a port number from 1 to 65535";
-      options.phonePort = static_cast<std::uint16_t>(port);
+      options.phoneOptions.port = static_cast<std::uint16_t>(port);
+    } else if (arg == "--phone-local-addr") {
+      auto address = value();
+      if (!address || address->empty()) return "--phone-local-addr needs an IP address";
+      options.phoneOptions.localAddress = std::string(*address);
     } else if (arg == "--publish" || arg == "--record") {
       return std::string(arg) + " is not part of this build yet";
     } else {
@@ -127,12 +131,10 @@ int main(int argc, char** argv) {
   // As the first-run sheet would: the phone listener is on from now on.
   if (options.phones) settings.set("qvn.phones.enabled", true);
   auto lifecycle = std::make_shared<qvn::ManualAppLifecycle>();
-  auto hubs = qvn::StudioHubs::make();
+  auto hubs = qvn::StudioHubs::make(options.phoneOptions);
   hubs.sleep = qvn::makeLogindSleepWatcher();
   hubs.stayAwake = qvn::makeLogindStayAwake();
   hubs.lifecycle = lifecycle;
-  if (options.phonePort != qvn::TCPSignalingServer::kPort)
-    hubs.signaling = qvn::TCPSignalingServer::make(nullptr, "0.0.0.0", options.phonePort);
   qvn::StudioShell shell({main, settings, hubs, nullptr}, lifecycle);
 
   // The status list goes to standard output as it grows.

@@ -8,6 +8,7 @@
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,9 @@ class SignalingServer {
   virtual void setAcceptNewDevices(bool accept) = 0;
   // Starts listening and advertising; an error text in the operator's words on failure.
   virtual std::optional<std::string> start() = 0;
+  // Playout of each phone's own audio track: on for the `audible` slot (every slot when 0)
+  // unless muted. It never touches what the mix hears.
+  virtual void setAudioEnabled(int audible, std::set<int> muted) = 0;
 };
 
 class SignalingServerNotYetAvailable final : public SignalingServer {
@@ -46,6 +50,7 @@ class SignalingServerNotYetAvailable final : public SignalingServer {
   std::optional<std::string> start() override {
     return "phone pairing is not part of this build yet";
   }
+  void setAudioEnabled(int, std::set<int>) override {}
 };
 
 }  // namespace qvn

@@ -214,7 +214,10 @@ void TCPSignalingServer::hello(const nlohmann::json& message, LineClient* client
       return;
     }
   }
-  if (slotOf(client)) return;  // already given a slot
+  if (auto held = slotOf(client)) {  // asked again: the same answer, no second slot
+    if (auto it = slots_.find(*held); it != slots_.end()) sendWelcome(*sender, it->second);
+    return;
+  }
   const auto slot = freeSlot();
   if (!slot) {
     sender->send({{"type", "error"}, {"message", "All camera slots are full"}});
@@ -230,16 +233,20 @@ void TCPSignalingServer::hello(const nlohmann::json& message, LineClient* client
     return;
   }
   wire(*session, *slot, sender);
-  slots_[*slot] = Slot{session, sender, name};
+  const Slot& held = slots_[*slot] = Slot{session, sender, name, sessionID, *slot};
   if (onAudioTap) onAudioTap(*slot, session->audioTap());
-  sender->send({{"type", "welcome"},
-                {"v", 1},
-                {"role", "publisher"},
-                {"session_id", sessionID},
-                {"slot", *slot}});
+  sendWelcome(*sender, held);
   sender->send({{"type", "peer-joined"}, {"role", "viewer"}});
   publishSlots();
   log("Cam " + std::to_string(*slot) + " reserved for " + name);
+}
+
+void TCPSignalingServer::sendWelcome(LineClient& client, const Slot& slot) {
+  client.send({{"type", "welcome"},
+               {"v", 1},
+               {"role", "publisher"},
+               {"session_id", slot.sessionID},
+               {"slot", slot.number}});
 }
 
 void TCPSignalingServer::wire(ReceiverSession& session, int slot,
@@ -273,11 +280,13 @@ void TCPSignalingServer::wire(ReceiverSession& session, int slot,
   session.onResolution = [weak, slot](const std::string& label, int w, int h) {
     if (auto self = weak.lock(); self && self->onResolution) self->onResolution(slot, label, w, h);
   };
-  session.onAudioTrack = [weak, slot] {
+  // A track that went takes its tap with it; a new one brings the session's tap back.
+  session.onAudioTrack = [weak, slot](std::shared_ptr<RemoteAudioTrack> track) {
     if (auto self = weak.lock())
-      self->queue_->async([weak, slot] {
+      self->queue_->async([weak, slot, present = track != nullptr] {
         auto server = weak.lock();
         if (!server || !server->onAudioTap) return;
+        if (!present) return server->onAudioTap(slot, nullptr);
         if (auto it = server->slots_.find(slot); it != server->slots_.end())
           server->onAudioTap(slot, it->second.session->audioTap());
       });
@@ -368,6 +377,15 @@ std::vector<CameraSlot> TCPSignalingServer::snapshot() const {
     rows.push_back(row);
   }
   return rows;
+}
+
+void TCPSignalingServer::setAudioEnabled(int audible, std::set<int> muted) {
+  queue_->async([weak = weak_from_this(), audible, muted = std::move(muted)] {
+    auto self = weak.lock();
+    if (!self) return;
+    for (auto& [slot, s] : self->slots_)
+      s.session->setAudioEnabled(!muted.contains(slot) && (audible == 0 || audible == slot));
+  });
 }
 
 void TCPSignalingServer::sendControl(int slot, nlohmann::json message) {

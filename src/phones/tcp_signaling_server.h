@@ -40,6 +40,7 @@ class TCPSignalingServer final : public SignalingServer,
   void setPin(std::string pin) override;
   void setAcceptNewDevices(bool accept) override;
   std::optional<std::string> start() override;
+  void setAudioEnabled(int audible, std::set<int> muted) override;
 
   // Diagnostics of the local-network announcement; standard output unless set.
   std::function<void(const std::string& line)> onDiagnostics;
@@ -62,6 +63,8 @@ class TCPSignalingServer final : public SignalingServer,
     std::shared_ptr<ReceiverSession> session;
     std::shared_ptr<LineClient> client;
     std::string name;
+    std::string sessionID;
+    int number = 0;
   };
 
   TCPSignalingServer(ReceiverSessionFactory makeSession, std::string address, std::uint16_t port);
@@ -74,6 +77,7 @@ class TCPSignalingServer final : public SignalingServer,
   void ice(const nlohmann::json& message, LineClient* client);
   void drop(LineClient* client);
   std::optional<int> freeSlot();
+  static void sendWelcome(LineClient& client, const Slot& slot);
   void wire(ReceiverSession& session, int slot, std::shared_ptr<LineClient> client);
   void publishSlots();
   std::optional<int> slotOf(LineClient* client) const;

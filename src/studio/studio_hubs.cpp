@@ -1,10 +1,15 @@
 #include "studio/studio_hubs.h"
 
+#include <algorithm>
+
 #include "audio/audio_engine.h"
 #include "audio/not_yet_available.h"
 #include "inputs/not_yet_available.h"
 #include "outputs/not_yet_available.h"
 #include "phones/tcp_signaling_server.h"
+#include "phones/webrtc_receiver_session.h"
+#include "platform/webrtc.h"
+#include "support/qvn_log.h"
 #include "video/mix_engine.h"
 
 namespace qvn {
@@ -24,11 +29,30 @@ class StayAwakeNotYetAvailable final : public StayAwake {
 
 }  // namespace
 
-StudioHubs StudioHubs::make() {
+StudioHubs StudioHubs::make(const PhoneOptions& phones) {
   auto frames = std::make_shared<FrameHub>();
+  auto mix = MixEngine::make(frames);
+  auto audio = AudioEngine::make();
+  // Readied now, certificate and all, so the first phone doesn't wait for it.
+  QvnLog::line(WebRTCStack::prepare());
+  PhoneSinks sinks{
+      .frames = frames,
+      .noteIncoming =
+          [weak = std::weak_ptr(mix)](int slot) {
+            if (auto engine = weak.lock()) engine->noteIncoming(slot);
+          },
+      .sound =
+          [weak = std::weak_ptr(audio)](int slot, const PCMView& pcm) {
+            if (auto engine = weak.lock()) engine->ingest(slot, pcm);
+          },
+      .canvasLongEdge =
+          [] { return std::max(MixEngine::canvasWidth(), MixEngine::canvasHeight()); },
+      .localAddress = phones.localAddress,
+  };
   return StudioHubs{
-      .signaling = TCPSignalingServer::make(nullptr),
-      .mix = MixEngine::make(frames),
+      .signaling = TCPSignalingServer::make(WebRTCReceiverSession::factory(std::move(sinks)),
+                                            "0.0.0.0", phones.port),
+      .mix = mix,
       .frames = frames,
       .localCapture = std::make_shared<LocalCaptureHubNotYetAvailable>(),
       .media = std::make_shared<MediaSourceHubNotYetAvailable>(),
@@ -39,7 +63,7 @@ StudioHubs StudioHubs::make() {
       .programOutput = std::make_shared<ProgramOutputNotYetAvailable>(),
       .virtualCamera = std::make_shared<VirtualCameraControllerNotYetAvailable>(),
       .wirelessBrowser = std::make_shared<WirelessDisplayBrowserNotYetAvailable>(),
-      .audio = AudioEngine::make(),
+      .audio = audio,
       .audioDevices = std::make_shared<QvnAudioDevicesNotYetAvailable>(),
       .masterInput = std::make_shared<QvnMasterAudioInputNotYetAvailable>(),
       .monitorMixer = std::make_shared<QvnMonitorMixerNotYetAvailable>(),

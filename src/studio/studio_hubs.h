@@ -2,7 +2,10 @@
 // Each is a process-wide object that knows nothing of the model.
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "audio/audio_hubs.h"
 #include "cloud/cloud_account.h"
@@ -18,6 +21,13 @@
 #include "video/mix_control.h"
 
 namespace qvn {
+
+// How the phones reach the studio: the port phones pair on, and an address ICE is kept to
+// (none: every local address).
+struct PhoneOptions {
+  std::uint16_t port = 8765;
+  std::optional<std::string> localAddress;
+};
 
 struct StudioHubs {
   std::shared_ptr<SignalingServer> signaling;
@@ -52,7 +62,7 @@ struct StudioHubs {
 
   // The process's hubs: the real ones that exist, and for the parts of the studio that are
   // not built yet their stand-ins. The app swaps in what only it can make.
-  static StudioHubs make();
+  static StudioHubs make(const PhoneOptions& phones = {});
 };
 
 }  // namespace qvn

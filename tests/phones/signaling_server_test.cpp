@@ -156,7 +156,10 @@ TEST_F(Signaling, APhonePairsGetsASlotAndTradesOfferAnswerAndCandidates) {
                                std::regex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-"
                                           "[0-9A-F]{12}")));
   EXPECT_EQ(phone.hear(), (nlohmann::json{{"type", "peer-joined"}, {"role", "viewer"}}));
+  phone.say({{"type", "hello"}, {"pin", "4321"}});  // asked again: the same answer
+  EXPECT_EQ(phone.hear(), welcome);
   ASSERT_TRUE(waitFor([&] { return !slotReports.empty(); }));
+  EXPECT_EQ(slotReports.size(), 1u);
   EXPECT_TRUE(liveIn(2));
   EXPECT_EQ(slotReports.back()[1].title, "Backstage");
   EXPECT_EQ(slotReports.back()[1].kind, "phone");

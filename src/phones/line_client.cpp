@@ -1,7 +1,5 @@
 #include "phones/line_client.h"
 
-#include "support/camera_slot.h"
-
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
@@ -11,24 +9,6 @@ namespace {
 
 constexpr size_t kReadMost = 65536;
 constexpr double kSilenceSeconds = 2.0;
-constexpr size_t kLongestLine = 1 << 20;
-
-bool validUTF8(const std::vector<std::uint8_t>& bytes) {
-  const size_t n = bytes.size();
-  for (size_t i = 0; i < n;) {
-    const std::uint8_t c = bytes[i];
-    const int extra = c < 0x80             ? 0
-                      : (c & 0xE0) == 0xC0 ? 1
-                      : (c & 0xF0) == 0xE0 ? 2
-                      : (c & 0xF8) == 0xF0 ? 3
-                                           : -1;
-    if (extra < 0 || i + size_t(extra) >= n + (extra == 0 ? 1 : 0)) return false;
-    for (size_t k = 1; k <= size_t(extra); ++k)
-      if ((bytes[i + k] & 0xC0) != 0x80) return false;
-    i += size_t(extra) + 1;
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -93,15 +73,7 @@ void LineClient::take(const std::vector<std::uint8_t>& data) {
       firstBytes_.insert(firstBytes_.end(), data.begin(),
                          data.begin() + long(std::min(data.size(), 80 - firstBytes_.size())));
   }
-  buffer_.insert(buffer_.end(), data.begin(), data.end());
-  size_t start = 0;
-  for (size_t i = scanned_; i < buffer_.size(); ++i) {
-    if (buffer_[i] != '\n') continue;
-    std::vector<std::uint8_t> line(buffer_.begin() + long(start), buffer_.begin() + long(i));
-    start = i + 1;
-    if (!validUTF8(line)) continue;  // not text: dropped
-    const std::string text = trimmed(std::string(line.begin(), line.end()));
-    if (text.empty()) continue;
+  for (const std::string& text : framer_.feed(data)) {
     sawLine_ = true;
     std::function<void(const std::string&)> handler;
     {
@@ -110,10 +82,7 @@ void LineClient::take(const std::vector<std::uint8_t>& data) {
     }
     if (handler) handler(text);
   }
-  buffer_.erase(buffer_.begin(), buffer_.begin() + long(start));
-  scanned_ = buffer_.size();  // no line feed in what is left
-  // An offer fits many times over; a peer that sends more without a line feed is not a phone.
-  if (buffer_.size() > kLongestLine) {
+  if (framer_.tooLong()) {
     log("TCP line too long, closing");
     notifyClosed();
   }

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "phones/line_framer.h"
 #include "platform/dispatch.h"
 #include "platform/net_connection.h"
 
@@ -39,8 +40,7 @@ class LineClient : public std::enable_shared_from_this<LineClient> {
   void log(const std::string& text);
 
   std::shared_ptr<NetConnection> connection_;
-  std::vector<std::uint8_t> buffer_;  // the network thread's
-  size_t scanned_ = 0;                // bytes of it known to hold no line feed
+  LineFramer framer_;  // the network thread's
   std::atomic<bool> closed_{false};
   std::atomic<bool> sawLine_{false};
   // Guards the callbacks (taken once by whichever thread closes first) and the first bytes.

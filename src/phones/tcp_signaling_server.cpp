@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <sstream>
 
+#include "phones/signaling_message.h"
 #include "platform/net.h"
 #include "support/uuid.h"
 
@@ -39,11 +40,6 @@ std::vector<std::string> matching(const std::vector<std::string>& lines, const s
   for (const auto& line : lines)
     if (line.starts_with(prefix) && line.find(containing) != std::string::npos) out.push_back(line);
   return out;
-}
-
-std::string text(const nlohmann::json& message, const char* key) {
-  auto it = message.find(key);
-  return it != message.end() && it->is_string() ? it->get<std::string>() : "";
 }
 
 }  // namespace
@@ -174,13 +170,13 @@ std::optional<int> TCPSignalingServer::slotOf(LineClient* client) const {
 void TCPSignalingServer::handle(const std::string& line, LineClient* client) {
   auto phone = phones_.find(client);
   if (phone == phones_.end()) return;
-  const nlohmann::json message = nlohmann::json::parse(line, nullptr, false);
-  if (message.is_discarded() || !message.is_object() || !message.contains("type") ||
-      !message["type"].is_string()) {
+  const auto parsed = parseSignalingLine(line);
+  if (!parsed) {
     log("WS ignored " + std::to_string(std::min<size_t>(line.size(), 80)) + " chars");
     return;
   }
-  const std::string type = message["type"].get<std::string>();
+  const nlohmann::json& message = *parsed;
+  const std::string type = textOf(message, "type");
   if (type == "hello" || type == "offer" || type == "ice") log("TCP " + type);
   if (type == "ping") {
     phone->second.client->send({{"type", "pong"}});
@@ -201,12 +197,12 @@ void TCPSignalingServer::handle(const std::string& line, LineClient* client) {
 
 void TCPSignalingServer::hello(const nlohmann::json& message, LineClient* client) {
   const auto& sender = phones_.at(client).client;
-  const std::string role = message.contains("role") ? text(message, "role") : "publisher";
+  const std::string role = message.contains("role") ? textOf(message, "role") : "publisher";
   if (role != "publisher") {
     sender->send({{"type", "error"}, {"message", "This computer is the receiver."}});
     return;
   }
-  const std::string pin = text(message, "pin");
+  const std::string pin = textOf(message, "pin");
   {
     std::lock_guard lock(settingsLock_);
     if (!pin.empty() && pin != pin_ && !acceptNewDevices_) {
@@ -225,7 +221,7 @@ void TCPSignalingServer::hello(const nlohmann::json& message, LineClient* client
   }
   phones_[client].slot = *slot;
   const std::string sessionID = makeUUID();
-  const std::string name = text(message, "name").empty() ? "Phone" : text(message, "name");
+  const std::string name = textOf(message, "name").empty() ? "Phone" : textOf(message, "name");
   auto session = makeSession_(*slot, sessionID, name);
   if (!session) {
     phones_[client].slot.reset();
@@ -334,8 +330,7 @@ void TCPSignalingServer::offer(const nlohmann::json& message, LineClient* client
 void TCPSignalingServer::ice(const nlohmann::json& message, LineClient* client) {
   const auto slot = slotOf(client);
   if (!slot || !slots_.contains(*slot)) return;
-  const auto it = message.find("candidate");
-  slots_[*slot].session->addICE(it != message.end() && it->is_object() ? *it : message);
+  slots_[*slot].session->addICE(candidateOf(message));
 }
 
 void TCPSignalingServer::drop(LineClient* client) {

@@ -244,15 +244,28 @@ bool scaleBGRA(const PixelBuffer& src, PixelBuffer& dst) {
   return true;
 }
 
-bool rotateBGRA(const PixelBuffer& src, PixelBuffer& dst, int degrees) {
-  if (&src == &dst || src.format() != PixelFormat::bgra || dst.format() != PixelFormat::bgra) {
-    return false;
-  }
+namespace {
+
+bool turnFits(const PixelBuffer& src, const PixelBuffer& dst, PixelFormat format, int degrees) {
+  if (&src == &dst || src.format() != format || dst.format() != format) return false;
   const bool quarter = degrees == 90 || degrees == 270;
   if (degrees != 0 && degrees != 180 && !quarter) return false;
-  const int width = quarter ? src.height() : src.width();
-  const int height = quarter ? src.width() : src.height();
-  if (dst.width() != width || dst.height() != height) return false;
+  return dst.width() == (quarter ? src.height() : src.width()) &&
+         dst.height() == (quarter ? src.width() : src.height());
+}
+
+}  // namespace
+
+bool rotateI420(const PixelBuffer& src, PixelBuffer& dst, int degrees) {
+  if (!turnFits(src, dst, PixelFormat::i420, degrees)) return false;
+  return libyuv::I420Rotate(src.data(0), src.stride(0), src.data(1), src.stride(1), src.data(2),
+                            src.stride(2), dst.data(0), dst.stride(0), dst.data(1), dst.stride(1),
+                            dst.data(2), dst.stride(2), src.width(), src.height(),
+                            static_cast<libyuv::RotationMode>(degrees)) == 0;
+}
+
+bool rotateBGRA(const PixelBuffer& src, PixelBuffer& dst, int degrees) {
+  if (!turnFits(src, dst, PixelFormat::bgra, degrees)) return false;
   return libyuv::ARGBRotate(src.data(), src.stride(), dst.data(), dst.stride(), src.width(),
                             src.height(), static_cast<libyuv::RotationMode>(degrees)) == 0;
 }

@@ -26,5 +26,6 @@ bool scaleBGRA(const PixelBuffer& src, PixelBuffer& dst);
 
 // Clockwise by 0, 90, 180 or 270 degrees; dst has src's size, turned.
 bool rotateBGRA(const PixelBuffer& src, PixelBuffer& dst, int degrees);
+bool rotateI420(const PixelBuffer& src, PixelBuffer& dst, int degrees);
 
 }  // namespace qvn

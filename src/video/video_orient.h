@@ -15,8 +15,12 @@ namespace qvn::QvnVideoOrient {
 //
 // Takes BGRA, NV12 or I420 and always renders into a new BGRA buffer, also when nothing
 // turns or shrinks. Returns the input itself when the result would be under 2 pixels on a
-// side or no buffer can be made. Any thread; allocates the result and, for YUV, rotation
-// or scaling, one or two buffers in between.
+// side or no buffer can be made.
+//
+// Any thread. The result and the one or two buffers in between (for YUV, rotation or
+// scaling) come from pools kept per thread, so a stream allocates nothing once warm. A
+// result goes back to its pool only when its last reference is dropped; a thread keeps up
+// to three idle results and one of each buffer in between, of its last sizes, until it ends.
 PixelBufferRef orient(const PixelBufferRef& buffer, int rotation,
                       std::optional<int> maxLongEdge = std::nullopt);
 

@@ -113,6 +113,17 @@ TEST(VideoOrientTest, YuvBecomesBgraOfTheRightColour) {
   EXPECT_EQ(fromI420->width(), 4);
   EXPECT_EQ(fromI420->height(), 8);
   expectColor(fromI420->bgraAt(3, 7), kRed, 3);
+  // Turned alone, the planes turn before the conversion: a white top-left block lands top
+  // right, and its colour comes along.
+  auto marked = redYUV(PixelFormat::i420, 16, 8);
+  for (int y = 0; y < 2; ++y) std::memset(marked->data(0) + y * marked->stride(0), 235, 2);
+  marked->data(1)[0] = marked->data(2)[0] = 128;
+  const auto turned = QvnVideoOrient::orient(marked, 90);
+  ASSERT_EQ(turned->width(), 8);
+  ASSERT_EQ(turned->height(), 16);
+  for (int channel = 0; channel < 3; ++channel) EXPECT_GT(turned->bgraAt(7, 0)[channel], 250);
+  expectColor(turned->bgraAt(0, 0), kRed, 3);
+  expectColor(turned->bgraAt(6, 15), kRed, 3);
 }
 
 // Decodes a JPEG into BGRA; empty when it isn't one.

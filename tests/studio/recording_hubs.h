@@ -93,6 +93,7 @@ struct RecLocal : Rec<Hub> {
 
 QVN_HUB(RecSignaling, SignalingServer, std::optional<std::string> startError;
   QVN_REC(void, setPin, (std::string pin), pin) QVN_REC(void, setAcceptNewDevices, (bool on), on)
+  QVN_REC(void, setAudioEnabled, (int audible, std::set<int> muted), audible, muted.size())
   std::optional<std::string> start() override { return rec("start"), startError; })
 QVN_HUB(RecMix, MixControl, QVN_REC(void, start, ()) QVN_REC(void, setFill, (bool fill), fill)
   QVN_REC(void, setCanvas, (int w, int h), word(w) + "x" + word(h))

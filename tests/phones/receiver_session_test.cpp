@@ -115,5 +115,59 @@ TEST(ReceiverSession, AnOfferThatIsNoSessionDescriptionGetsNoAnswerAndSaysWhy) {
   session->close();  // once is enough
 }
 
+// An offer as a phone's own WebRTC stack sends it: H.264 in both packetization modes beside
+// VP8, the orientation tag beside the congestion-control extension, Opus with the same.
+const char* const kPhoneOffer =
+    "v=0\r\no=- 4611731400430051336 2 IN IP4 127.0.0.1\r\ns=-\r\nt=0 0\r\n"
+    "a=group:BUNDLE 0 1\r\na=msid-semantic: WMS stream\r\n"
+    "m=video 9 UDP/TLS/RTP/SAVPF 96 98 100\r\nc=IN IP4 0.0.0.0\r\na=rtcp:9 IN IP4 0.0.0.0\r\n"
+    "a=ice-ufrag:Abcd\r\na=ice-pwd:abcdefghijklmnopqrstuvwx\r\na=ice-options:trickle\r\n"
+    "a=fingerprint:sha-256 "
+    "B0:50:0E:09:5D:A0:3D:B1:C9:2C:7E:0B:FF:1F:7D:A2:30:CE:13:07:3C:96:BA:79:0D:B3:7C:2A:D0:13:1E:"
+    "E8"
+    "\r\na=setup:actpass\r\na=mid:0\r\n"
+    "a=extmap:3 http://www.ietf.org/id/draft-holmer-rmcat-transport-wide-cc-extensions-01\r\n"
+    "a=extmap:13 urn:3gpp:video-orientation\r\na=sendonly\r\na=rtcp-mux\r\na=rtcp-rsize\r\n"
+    "a=rtpmap:96 VP8/90000\r\na=rtcp-fb:96 transport-cc\r\n"
+    "a=rtpmap:98 H264/90000\r\na=rtcp-fb:98 nack pli\r\na=rtcp-fb:98 transport-cc\r\n"
+    "a=fmtp:98 level-asymmetry-allowed=1;packetization-mode=1;profile-level-id=640c1f\r\n"
+    "a=rtpmap:100 H264/90000\r\n"
+    "a=fmtp:100 level-asymmetry-allowed=1;packetization-mode=0;profile-level-id=42e01f\r\n"
+    "a=ssrc:1001 cname:phone\r\n"
+    "m=audio 9 UDP/TLS/RTP/SAVPF 111\r\nc=IN IP4 0.0.0.0\r\na=rtcp:9 IN IP4 0.0.0.0\r\n"
+    "a=ice-ufrag:Abcd\r\na=ice-pwd:abcdefghijklmnopqrstuvwx\r\na=ice-options:trickle\r\n"
+    "a=fingerprint:sha-256 "
+    "B0:50:0E:09:5D:A0:3D:B1:C9:2C:7E:0B:FF:1F:7D:A2:30:CE:13:07:3C:96:BA:79:0D:B3:7C:2A:D0:13:1E:"
+    "E8"
+    "\r\na=setup:actpass\r\na=mid:1\r\n"
+    "a=extmap:3 http://www.ietf.org/id/draft-holmer-rmcat-transport-wide-cc-extensions-01\r\n"
+    "a=sendonly\r\na=rtcp-mux\r\na=rtpmap:111 opus/48000/2\r\na=rtcp-fb:111 transport-cc\r\n"
+    "a=fmtp:111 minptime=10;useinbandfec=1\r\na=ssrc:1002 cname:phone\r\n";
+
+TEST(ReceiverSession, AnswersAPhonesOfferReceiveOnlyWithItsH264AndOpusAndCongestionControl) {
+  auto session = WebRTCReceiverSession::make(2, "ID", "Phone", PhoneSinks{});
+  ASSERT_TRUE(session);
+  std::promise<std::optional<std::string>> answered;
+  session->handleOffer(kPhoneOffer, [&](std::optional<std::string> answer) {
+    answered.set_value(std::move(answer));
+  });
+  const auto answer = answered.get_future().get();
+  ASSERT_TRUE(answer);
+  using ::testing::HasSubstr;
+  using ::testing::Not;
+  EXPECT_THAT(*answer, HasSubstr("m=video 9 UDP/TLS/RTP/SAVPF 98\r\n"));
+  EXPECT_THAT(*answer, HasSubstr("m=audio 9 UDP/TLS/RTP/SAVPF 111\r\n"));
+  EXPECT_THAT(*answer, HasSubstr("packetization-mode=1"));
+  EXPECT_THAT(*answer, HasSubstr("profile-level-id=640c1f"));
+  EXPECT_THAT(*answer, HasSubstr("a=extmap:3 http://www.ietf.org/id/"
+                                 "draft-holmer-rmcat-transport-wide-cc-extensions-01"));
+  EXPECT_THAT(*answer, Not(HasSubstr("video-orientation")));
+  EXPECT_THAT(*answer, Not(HasSubstr("VP8")));
+  EXPECT_THAT(*answer, HasSubstr("a=recvonly"));
+  EXPECT_THAT(*answer, Not(HasSubstr("a=sendrecv")));
+  EXPECT_THAT(*answer, HasSubstr("a=group:BUNDLE 0 1"));
+  session->close();
+}
+
 }  // namespace
 }  // namespace qvn

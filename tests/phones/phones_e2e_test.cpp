@@ -1,0 +1,139 @@
+// Two simulated phones against the studio on loopback: the real signaling server, receiver
+// sessions, frame hub and mix engine under the real studio model. Both pair, their pictures
+// arrive at the rate they are sent, the first goes to Program by itself, and when one phone
+// vanishes its slot empties and Program moves to the phone that is left.
+#include <gmock/gmock.h>
+
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include "phones/tcp_signaling_server.h"
+#include "phones/webrtc_receiver_session.h"
+#include "studio/recording_hubs.h"
+#include "testing/child_process.h"
+#include "video/mix_engine.h"
+
+namespace qvn::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int kFps = 30;
+
+// Counts the pictures stored in one slot, and notes when the first came.
+struct SlotCounter {
+  std::atomic<int> frames{0};
+  std::atomic<double> firstAt{0};
+  std::shared_ptr<PixelBufferView> view;
+  std::shared_ptr<FrameWatcher> watcher;
+
+  void watch(FrameHub& hub, int slot) {
+    view = PixelBufferView::make([this](const PixelBufferRef&) {
+      if (frames++ == 0) firstAt = monotonicTime();
+    });
+    watcher = std::make_shared<FrameWatcher>(FrameWatcher{view});
+    hub.watch(slot, watcher);
+  }
+};
+
+class PhonesEndToEnd : public StudioFixture {
+ protected:
+  PhonesEndToEnd() : work(makeTempDir("phones")) {
+    frames = std::make_shared<FrameHub>();
+    mix = MixEngine::make(frames);
+    server = TCPSignalingServer::make(
+        WebRTCReceiverSession::factory(PhoneSinks{
+            .frames = frames,
+            .noteIncoming = [engine = mix](int slot) { engine->noteIncoming(slot); },
+            .localAddress = "127.0.0.1",
+        }),
+        "127.0.0.1", 0);
+    store->set("qvn.phones.enabled", true);
+    StudioContext c = context();
+    c.hubs.signaling = server;
+    c.hubs.mix = mix;
+    c.hubs.frames = frames;
+    model = std::make_unique<CameraModel>(c);
+    model->start();
+  }
+  ~PhonesEndToEnd() override {
+    phones.clear();
+    model.reset();
+    server.reset();
+    mix->queue().sync([] {});
+    std::filesystem::remove_all(work);
+  }
+
+  void addPhone(const std::string& name) {
+    const auto log = work / (name + ".log");
+    phones.push_back(std::make_unique<ChildProcess>(
+        std::vector<std::string>{QVN_PHONE_SIM, "--studio",
+                                 "127.0.0.1:" + std::to_string(server->port()), "--name", name,
+                                 "--size", "640x360", "--fps", std::to_string(kFps), "--loop",
+                                 "--local-addr", "127.0.0.1", "--for", "60"},
+        log, log));
+  }
+  // Runs the main queue until `done` holds (bounded, for liveness only).
+  bool runUntil(const std::function<bool()>& done, double seconds = 20) {
+    for (auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+         std::chrono::steady_clock::now() < until;) {
+      if (done()) return true;
+      main.drainWaiting(0.02);
+    }
+    return done();
+  }
+  std::string phoneLog(const std::string& name) {
+    return readFile(work / (name + ".log")).value_or("");
+  }
+
+  std::filesystem::path work;
+  std::shared_ptr<FrameHub> frames;
+  std::shared_ptr<MixEngine> mix;
+  std::shared_ptr<TCPSignalingServer> server;
+  std::vector<std::unique_ptr<ChildProcess>> phones;
+};
+
+TEST_F(PhonesEndToEnd, TwoPhonesPairStreamAndHandOverProgramWhenOneGoes) {
+  SlotCounter first, second;
+  first.watch(*frames, 1);
+  second.watch(*frames, 2);
+
+  addPhone("North");
+  ASSERT_TRUE(runUntil([&] { return model->slots()[0].live; })) << phoneLog("North");
+  const double paired = monotonicTime();
+  addPhone("South");
+  ASSERT_TRUE(runUntil([&] { return model->slots()[1].live; })) << phoneLog("South");
+  EXPECT_EQ(model->slots()[0].title, "North");
+  EXPECT_EQ(model->slots()[1].title, "South");
+
+  ASSERT_TRUE(runUntil([&] { return first.frames > 0 && second.frames > 0; }))
+      << phoneLog("North") << phoneLog("South");
+  const double firstFrame = first.firstAt - paired;
+  std::printf("first picture %.0f ms after pairing\n", firstFrame * 1000);
+  EXPECT_LT(firstFrame, 3.0);
+  // The first phone with a picture went to Program by itself.
+  ASSERT_TRUE(runUntil([&] { return model->programSlot() == 1; }));
+  EXPECT_EQ(model->slots()[0].resolution, "SD");
+  EXPECT_EQ(model->slots()[0].receivedWidth, 640);
+
+  // Pictures keep coming at the rate they are sent.
+  const int before = first.frames;
+  const double from = monotonicTime();
+  runUntil([] { return false; }, 3.0);
+  const double rate = (first.frames - before) / (monotonicTime() - from);
+  EXPECT_NEAR(rate, kFps, kFps * 0.1);
+
+  // The phone on Program vanishes: its slot empties and Program moves to the other one.
+  phones[0]->stop(SIGKILL, 1);
+  ASSERT_TRUE(runUntil([&] { return !model->slots()[0].live; }));
+  EXPECT_FALSE(frames->hasFrame(1));
+  ASSERT_TRUE(runUntil([&] { return model->programSlot() == 2; }));
+  EXPECT_TRUE(model->slots()[1].live);
+}
+
+}  // namespace
+}  // namespace qvn::test

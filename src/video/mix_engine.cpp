@@ -251,7 +251,11 @@ void MixEngine::clearIf(int slot, std::vector<int> live) {
   post([slot, live = std::move(live)](MixEngine& m) {
     if (slot == m.programSlot_) {
       if (!live.empty()) {
-        if (live.front() >= 1) m.switchNow(live.front(), MixTransition::instant);
+        if (live.front() >= 1) {
+          QvnLog::line("program ← input " + std::to_string(live.front()) + " (input " +
+                       std::to_string(slot) + " went)");
+          m.switchNow(live.front(), MixTransition::instant);
+        }
         return;
       }
       m.setProgramSlot(0);
@@ -271,7 +275,10 @@ void MixEngine::clearIf(int slot, std::vector<int> live) {
 void MixEngine::noteIncoming(int slot) {
   if (slot < 1 || programSlotMirror() != 0) return;
   post([slot](MixEngine& m) {
-    if (m.programSlot_ == 0) m.switchNow(slot, MixTransition::instant);
+    if (m.programSlot_ != 0) return;
+    // Nobody chose this: say so in the log, as a take would.
+    QvnLog::line("program ← input " + std::to_string(slot) + " (first picture)");
+    m.switchNow(slot, MixTransition::instant);
   });
 }
 

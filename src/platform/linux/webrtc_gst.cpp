@@ -506,6 +506,14 @@ GstPromise* promise(const SharedRef& shared, std::function<void(const GstStructu
       [](gpointer data) { delete static_cast<Waiting*>(data); });
 }
 
+// The signal takes its own reference to the promise; ours goes once it is handed over.
+template <class Argument>
+void emitWithPromise(GstElement* webrtc, const char* signal, Argument argument,
+                     GstPromise* promise) {
+  g_signal_emit_by_name(webrtc, signal, argument, promise);
+  gst_promise_unref(promise);
+}
+
 // Tearing a pipeline down waits for its threads, which may be the very threads whose event
 // led to the close; it happens here instead, in order.
 SerialQueue& teardownQueue() {
@@ -517,6 +525,13 @@ class GstPeer final : public WebRTCPeer {
  public:
   explicit GstPeer(SharedRef shared) : shared_(std::move(shared)) {}
   ~GstPeer() override { close(); }
+
+  // The element is torn down once closed: every call on it checks first, under the gate.
+  template <class Call>
+  void whileOpen(Call call) {
+    std::lock_guard hold(shared_->gate);
+    if (shared_->open) call(shared_->webrtc);
+  }
 
   void setRemoteOffer(const std::string& sdp, Done done) override {
     GstSDPMessage* message = nullptr;
@@ -533,55 +548,64 @@ class GstPeer final : public WebRTCPeer {
     }
     GstWebRTCSessionDescription* offer =
         gst_webrtc_session_description_new(GST_WEBRTC_SDP_TYPE_OFFER, message);
-    g_signal_emit_by_name(shared_->webrtc, "set-remote-description", offer,
-                          promise(shared_, [done](const GstStructure* reply) {
-                            if (reply && gst_structure_has_field(reply, "error"))
-                              done(errorText(reply, "refused"));
-                            else
-                              done(std::nullopt);
-                          }));
+    whileOpen([&](GstElement* webrtc) {
+      emitWithPromise(webrtc, "set-remote-description", offer,
+                      promise(shared_, [done](const GstStructure* reply) {
+                        if (reply && gst_structure_has_field(reply, "error"))
+                          done(errorText(reply, "refused"));
+                        else
+                          done(std::nullopt);
+                      }));
+    });
     gst_webrtc_session_description_free(offer);
   }
 
   void answer(Answered done) override {
     SharedRef shared = shared_;
-    g_signal_emit_by_name(
-        shared->webrtc, "create-answer", nullptr,
-        promise(shared, [shared, done](const GstStructure* reply) {
-          GstWebRTCSessionDescription* answer = nullptr;
-          if (reply)
-            gst_structure_get(reply, "answer", GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &answer,
-                              nullptr);
-          if (!answer) return done({std::nullopt, errorText(reply, "no answer was made"), false});
-          dropOrientation(answer->sdp);
-          {
-            std::lock_guard hold(shared->lock);
-            if (shared->offer) keepOfferedProfiles(answer->sdp, shared->offer);
-          }
-          gchar* text = gst_sdp_message_as_text(answer->sdp);
-          std::string sdp = text;
-          g_free(text);
-          g_signal_emit_by_name(shared->webrtc, "set-local-description", answer,
-                                promise(shared, [done, sdp](const GstStructure* set) {
-                                  if (set && gst_structure_has_field(set, "error"))
-                                    done({std::nullopt, errorText(set, "refused"), true});
-                                  else
-                                    done({sdp, "", true});
-                                }));
-          gst_webrtc_session_description_free(answer);
-        }));
+    whileOpen([&](GstElement* webrtc) {
+      emitWithPromise(
+          webrtc, "create-answer", static_cast<GstStructure*>(nullptr),
+          promise(shared, [shared, done](const GstStructure* reply) {
+            GstWebRTCSessionDescription* answer = nullptr;
+            if (reply)
+              gst_structure_get(reply, "answer", GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &answer,
+                                nullptr);
+            if (!answer) return done({std::nullopt, errorText(reply, "no answer was made"), false});
+            dropOrientation(answer->sdp);
+            {
+              std::lock_guard hold(shared->lock);
+              if (shared->offer) keepOfferedProfiles(answer->sdp, shared->offer);
+            }
+            gchar* text = gst_sdp_message_as_text(answer->sdp);
+            std::string sdp = text;
+            g_free(text);
+            // The promise's reply comes under the gate, so the element is still there.
+            emitWithPromise(shared->webrtc, "set-local-description", answer,
+                            promise(shared, [done, sdp](const GstStructure* set) {
+                              if (set && gst_structure_has_field(set, "error"))
+                                done({std::nullopt, errorText(set, "refused"), true});
+                              else
+                                done({sdp, "", true});
+                            }));
+            gst_webrtc_session_description_free(answer);
+          }));
+    });
   }
 
   void addCandidate(const ICECandidate& candidate) override {
-    g_signal_emit_by_name(shared_->webrtc, "add-ice-candidate", guint(candidate.sdpMLineIndex),
-                          candidate.candidate.c_str());
+    whileOpen([&](GstElement* webrtc) {
+      g_signal_emit_by_name(webrtc, "add-ice-candidate", guint(candidate.sdpMLineIndex),
+                            candidate.candidate.c_str());
+    });
   }
 
   void stats(std::function<void(std::vector<StatsReport>)> done) override {
-    g_signal_emit_by_name(shared_->webrtc, "get-stats", nullptr,
-                          promise(shared_, [done](const GstStructure* reply) {
-                            done(reply ? reports(reply) : std::vector<StatsReport>{});
-                          }));
+    whileOpen([&](GstElement* webrtc) {
+      emitWithPromise(webrtc, "get-stats", static_cast<GstPad*>(nullptr),
+                      promise(shared_, [done](const GstStructure* reply) {
+                        done(reply ? reports(reply) : std::vector<StatsReport>{});
+                      }));
+    });
   }
 
   void close() override {

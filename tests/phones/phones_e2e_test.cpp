@@ -68,14 +68,24 @@ class PhonesEndToEnd : public StudioFixture {
     std::filesystem::remove_all(work);
   }
 
-  void addPhone(const std::string& name) {
+  void addPhone(const std::string& name, const std::vector<std::string>& extra = {}) {
     const auto log = work / (name + ".log");
-    phones.push_back(std::make_unique<ChildProcess>(
-        std::vector<std::string>{QVN_PHONE_SIM, "--studio",
-                                 "127.0.0.1:" + std::to_string(server->port()), "--name", name,
-                                 "--size", "640x360", "--fps", std::to_string(kFps), "--loop",
-                                 "--local-addr", "127.0.0.1", "--for", "60"},
-        log, log));
+    std::vector<std::string> argv{QVN_PHONE_SIM,
+                                  "--studio",
+                                  "127.0.0.1:" + std::to_string(server->port()),
+                                  "--name",
+                                  name,
+                                  "--size",
+                                  "640x360",
+                                  "--fps",
+                                  std::to_string(kFps),
+                                  "--loop",
+                                  "--local-addr",
+                                  "127.0.0.1",
+                                  "--for",
+                                  "60"};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    phones.push_back(std::make_unique<ChildProcess>(argv, log, log));
   }
   // Runs the main queue until `done` holds (bounded, for liveness only).
   bool runUntil(const std::function<bool()>& done, double seconds = 20) {
@@ -115,11 +125,17 @@ TEST_F(PhonesEndToEnd, TwoPhonesPairStreamAndHandOverProgramWhenOneGoes) {
   EXPECT_EQ(model->slots()[0].resolution, "SD");
   EXPECT_EQ(model->slots()[0].receivedWidth, 640);
 
-  addPhone("South");
+  // The second is held upright and starts small, as phones do, then climbs to its full size.
+  addPhone("South", {"--portrait", "--climb"});
   ASSERT_TRUE(runUntil([&] { return model->slots()[1].live && second.frames > 0; }))
       << phoneLog("South");
   EXPECT_EQ(model->slots()[1].title, "South");
   EXPECT_EQ(model->programSlot(), 1);
+  EXPECT_EQ(frames->size(2), (FrameSize{180, 320}));
+  ASSERT_TRUE(runUntil([&] { return frames->size(2) == FrameSize{360, 640}; }));
+  const int afterClimb = second.frames;
+  ASSERT_TRUE(runUntil([&] { return model->slots()[1].receivedHeight == 640; }));
+  ASSERT_TRUE(runUntil([&] { return second.frames > afterClimb + kFps / 2; }));
 
   // Pictures keep coming at the rate they are sent.
   const int before = first.frames;

@@ -8,9 +8,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
+#include <mutex>
 #include <thread>
 
+#include "audio/audio_engine.h"
 #include "phones/tcp_signaling_server.h"
 #include "phones/webrtc_receiver_session.h"
 #include "studio/recording_hubs.h"
@@ -45,10 +48,12 @@ class PhonesEndToEnd : public StudioFixture {
   PhonesEndToEnd() : work(makeTempDir("phones")) {
     frames = std::make_shared<FrameHub>();
     mix = MixEngine::make(frames);
+    audio = AudioEngine::make();
     server = TCPSignalingServer::make(
         WebRTCReceiverSession::factory(PhoneSinks{
             .frames = frames,
             .noteIncoming = [engine = mix](int slot) { engine->noteIncoming(slot); },
+            .sound = [engine = audio](int slot, const PCMView& pcm) { engine->ingest(slot, pcm); },
             .localAddress = "127.0.0.1",
         }),
         "127.0.0.1", 0);
@@ -57,6 +62,7 @@ class PhonesEndToEnd : public StudioFixture {
     c.hubs.signaling = server;
     c.hubs.mix = mix;
     c.hubs.frames = frames;
+    c.hubs.audio = audio;
     model = std::make_unique<CameraModel>(c);
     model->start();
   }
@@ -64,6 +70,7 @@ class PhonesEndToEnd : public StudioFixture {
     phones.clear();
     model.reset();
     server.reset();
+    audio->addBusConsumer("stream", nullptr);
     mix->queue().sync([] {});
     std::filesystem::remove_all(work);
   }
@@ -96,6 +103,13 @@ class PhonesEndToEnd : public StudioFixture {
     }
     return done();
   }
+  // The stream bus's left channel, into `heard`.
+  void listenToStream() {
+    audio->addBusConsumer("stream", [this](const std::vector<float>& block, std::int64_t) {
+      std::lock_guard hold(heardLock);
+      heard.insert(heard.end(), block.begin(), block.begin() + long(block.size() / 2));
+    });
+  }
   std::string phoneLog(const std::string& name) {
     return readFile(work / (name + ".log")).value_or("");
   }
@@ -103,8 +117,11 @@ class PhonesEndToEnd : public StudioFixture {
   std::filesystem::path work;
   std::shared_ptr<FrameHub> frames;
   std::shared_ptr<MixEngine> mix;
+  std::shared_ptr<AudioEngine> audio;
   std::shared_ptr<TCPSignalingServer> server;
   std::vector<std::unique_ptr<ChildProcess>> phones;
+  std::mutex heardLock;
+  std::vector<float> heard;
 };
 
 TEST_F(PhonesEndToEnd, TwoPhonesPairStreamAndHandOverProgramWhenOneGoes) {
@@ -124,6 +141,24 @@ TEST_F(PhonesEndToEnd, TwoPhonesPairStreamAndHandOverProgramWhenOneGoes) {
   EXPECT_EQ(model->slots()[0].title, "North");
   EXPECT_EQ(model->slots()[0].resolution, "SD");
   EXPECT_EQ(model->slots()[0].receivedWidth, 640);
+
+  // Its tone is on air: the stream bus carries it at the level it was sent (-20 dBFS, 440 Hz),
+  // less the 3 dB each side that the equal-power pan takes at the centre.
+  listenToStream();
+  runUntil([] { return false; }, 1.5);
+  {
+    std::lock_guard hold(heardLock);
+    ASSERT_GT(heard.size(), 48000u);
+    const std::vector<float> lastSecond(heard.end() - 48000, heard.end());
+    float peak = 0;
+    int rises = 0;
+    for (size_t i = 1; i < lastSecond.size(); ++i) {
+      peak = std::max(peak, std::fabs(lastSecond[i]));
+      rises += lastSecond[i - 1] < 0 && lastSecond[i] >= 0;
+    }
+    EXPECT_NEAR(peak, 0.1f * std::sqrt(0.5f), 0.01f);
+    EXPECT_NEAR(rises, 440, 5);
+  }
 
   // The second is held upright and starts small, as phones do, then climbs to its full size.
   addPhone("South", {"--portrait", "--climb"});

@@ -27,6 +27,7 @@ AudioEngine::~AudioEngine() {
   publishTimer_.cancel();
   {
     std::lock_guard lock(controlLock_);
+    deviceWatch_.reset();
     output_.reset();
     programOutput_.reset();
   }
@@ -56,6 +57,13 @@ void AudioEngine::restart() {
     output_ = openNullAudioOutput(render);
   }
   started_ = true;
+  if (!deviceWatch_)
+    deviceWatch_ = watchAudioDevices([weak = weak_from_this()] {
+      if (auto self = weak.lock())
+        self->busQueue_->async([weak] {
+          if (auto engine = weak.lock()) engine->configurationChanged();
+        });
+    });
   if (!loggedFirst_) {
     loggedFirst_ = true;
     QvnLog::line("audio engine running 48k stereo hw=" + std::to_string(output_->deviceRate()) +
@@ -219,6 +227,18 @@ void AudioEngine::addBusConsumer(const std::string& name, Consumer consumer) {
     return;
   }
   if (!isRunning()) restart();
+}
+
+void AudioEngine::configurationChanged() {
+  bool running;
+  {
+    std::lock_guard lock(controlLock_);
+    if (!started_) return;
+    running = output_ && output_->isRunning();
+  }
+  if (running) return QvnLog::line("audio engine configuration change — still running");
+  QvnLog::line("audio engine configuration change — restarting");
+  restart();
 }
 
 void AudioEngine::drainNow() {

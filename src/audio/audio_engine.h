@@ -85,6 +85,8 @@ class AudioEngine final : public QvnAudioEngine, public std::enable_shared_from_
   };
   AudioEngine();
   void drainNow();
+  // The sound server's outputs changed: start again if ours stopped (on the bus queue).
+  void configurationChanged();
   SourceMeta& meta(int id);  // caller holds controlLock_
   void persistRouting();     // caller holds controlLock_
 
@@ -102,6 +104,7 @@ class AudioEngine final : public QvnAudioEngine, public std::enable_shared_from_
   bool loggedFirst_ = false;
   std::unique_ptr<AudioOutput> output_;
   std::unique_ptr<AudioOutput> programOutput_;
+  std::unique_ptr<AudioDeviceWatch> deviceWatch_;
 
   std::mutex consumerLock_;
   std::map<std::string, Consumer> streamConsumers_, recordConsumers_;

@@ -40,4 +40,13 @@ std::unique_ptr<AudioOutput> openNullAudioOutput(AudioOutput::Render render);
 // The sound server's outputs; empty without a server.
 std::vector<AudioDeviceInfo> listAudioOutputs();
 
+// Hears outputs come and go and the default output move. `changed` runs on the watch's own
+// thread and must return quickly; it never runs once the watch is destroyed.
+class AudioDeviceWatch {
+ public:
+  virtual ~AudioDeviceWatch() = default;
+};
+// None when no sound server answers.
+std::unique_ptr<AudioDeviceWatch> watchAudioDevices(std::function<void()> changed);
+
 }  // namespace qvn

@@ -16,6 +16,8 @@
 #include <vector>
 
 #include "audio/audio_engine.h"
+#include "platform/files.h"
+#include "support/qvn_log.h"
 #include "testing/child_process.h"
 
 // The sound server's client library is built without the race detector; its own locking
@@ -116,6 +118,8 @@ Analysis analyse(const std::vector<float>& left) {
 
 TEST(AudioEngineOnASoundServer, AToneOnProgramPlaysWithoutAGapAndReachesTheStreamBus) {
   SoundServer server;
+  const AppPaths saved = appPaths();
+  setAppPaths(AppPaths::underRoot(server.dir()));
   auto engine = AudioEngine::make();
   engine->setProgramSlot(1);
   std::mutex lock;
@@ -164,7 +168,22 @@ TEST(AudioEngineOnASoundServer, AToneOnProgramPlaysWithoutAGapAndReachesTheStrea
   const Analysis sent = analyse(std::vector<float>(stream.end() - 24000, stream.end()));
   EXPECT_NEAR(sent.hz, 1000, 10);
   EXPECT_NEAR(sent.rms, expected, expected * 0.05);
+
+  // A new output on the server is heard; ours plays on.
+  const auto added =
+      runProgram({findProgram("pactl"), "load-module", "module-null-sink", "sink_name=qvn_other"},
+                 10, server.dir());
+  ASSERT_TRUE(added.succeeded()) << added.describe();
+  std::string log;
+  for (int i = 0; i < 200 && log.find("configuration change") == std::string::npos; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    QvnLog::flush();
+    log = readFile(appPaths().logFile()).value_or("");
+  }
+  EXPECT_NE(log.find("audio engine configuration change — still running"), std::string::npos);
+  EXPECT_TRUE(engine->isRunning());
   engine->addBusConsumer("publisher", nullptr);
+  setAppPaths(saved);
 }
 
 }  // namespace

@@ -236,6 +236,43 @@ std::unique_ptr<AudioOutput> openNullAudioOutput(AudioOutput::Render render) {
   return std::make_unique<NullOutput>(std::move(render));
 }
 
+class PulseDeviceWatch final : public AudioDeviceWatch {
+ public:
+  PulseDeviceWatch(std::unique_ptr<PulseSession> session, std::function<void()> changed)
+      : session_(std::move(session)), changed_(std::move(changed)) {
+    pa_threaded_mainloop_lock(session_->loop());
+    pa_context_set_subscribe_callback(session_->context(), onEvent, this);
+    if (pa_operation* op = pa_context_subscribe(
+            session_->context(),
+            pa_subscription_mask_t(PA_SUBSCRIPTION_MASK_SINK | PA_SUBSCRIPTION_MASK_SERVER),
+            nullptr, nullptr))
+      pa_operation_unref(op);
+    pa_threaded_mainloop_unlock(session_->loop());
+  }
+  // The session stops its loop first, so no event comes in while the rest goes.
+  ~PulseDeviceWatch() override { session_.reset(); }
+
+ private:
+  // Outputs added or removed, and the server's own changes (its default among them); a
+  // volume moving on an output is not a change of device.
+  static void onEvent(pa_context*, pa_subscription_event_type_t type, uint32_t, void* data) {
+    const auto facility = type & PA_SUBSCRIPTION_EVENT_FACILITY_MASK;
+    const auto kind = type & PA_SUBSCRIPTION_EVENT_TYPE_MASK;
+    if (facility == PA_SUBSCRIPTION_EVENT_SERVER || kind != PA_SUBSCRIPTION_EVENT_CHANGE)
+      static_cast<PulseDeviceWatch*>(data)->changed_();
+  }
+
+  std::unique_ptr<PulseSession> session_;
+  std::function<void()> changed_;
+};
+
+std::unique_ptr<AudioDeviceWatch> watchAudioDevices(std::function<void()> changed) {
+  auto session = std::make_unique<PulseSession>();
+  std::string error;
+  if (!session->connect(error)) return nullptr;
+  return std::make_unique<PulseDeviceWatch>(std::move(session), std::move(changed));
+}
+
 std::vector<AudioDeviceInfo> listAudioOutputs() {
   std::vector<AudioDeviceInfo> devices;
   PulseSession session;

@@ -9,6 +9,7 @@
 #include <gst/webrtc/webrtc.h>
 
 #include <cctype>
+#include <map>
 #include <mutex>
 #include <utility>
 
@@ -249,6 +250,41 @@ void keepOfferedProfiles(GstSDPMessage* answer, const GstSDPMessage* offer) {
   }
 }
 
+void noteSenderSSRCs(const GstSDPMessage* offer, std::map<std::string, std::string>& kinds) {
+  for (guint m = 0; m < gst_sdp_message_medias_len(offer); ++m) {
+    const GstSDPMedia* media = gst_sdp_message_get_media(offer, m);
+    for (guint a = 0; a < gst_sdp_media_attributes_len(media); ++a) {
+      const GstSDPAttribute* attribute = gst_sdp_media_get_attribute(media, a);
+      if (std::string(attribute->key) == "ssrc" && attribute->value) {
+        const std::string value = attribute->value;
+        kinds[value.substr(0, value.find(' '))] = gst_sdp_media_get_media(media);
+      }
+    }
+  }
+}
+
+// The codec each kind was answered with: its first payload, as the statistics name it.
+void noteAnsweredCodecs(const GstSDPMessage* answer,
+                        std::map<std::string, std::map<std::string, std::string>>& codecs) {
+  for (guint m = 0; m < gst_sdp_message_medias_len(answer); ++m) {
+    const GstSDPMedia* media = gst_sdp_message_get_media(answer, m);
+    if (gst_sdp_media_formats_len(media) == 0) continue;
+    const std::string kind = gst_sdp_media_get_media(media);
+    const std::string payload = gst_sdp_media_get_format(media, 0);
+    std::string encoding;
+    for (guint a = 0; a < gst_sdp_media_attributes_len(media); ++a) {
+      const GstSDPAttribute* attribute = gst_sdp_media_get_attribute(media, a);
+      const std::string value = attribute->value ? attribute->value : "";
+      if (std::string(attribute->key) == "rtpmap" && value.starts_with(payload + " "))
+        encoding = value.substr(payload.size() + 1, value.find('/') - payload.size() - 1);
+    }
+    const std::string fmtp = fmtpOf(media, payload);
+    codecs[kind] = {{"mimeType", kind + "/" + encoding},
+                    {"payloadType", payload},
+                    {"sdpFmtpLine", fmtp.empty() ? "" : fmtp.substr(payload.size() + 1)}};
+  }
+}
+
 // ---- Decoded media ---------------------------------------------------------------------------
 
 class SamplePicture final : public DecodedPicture {
@@ -289,6 +325,10 @@ struct Shared {
   std::vector<std::string> mids;
   std::vector<std::shared_ptr<RemoteTrack>> tracks;
   GstSDPMessage* offer = nullptr;  // the last one set
+  // What the statistics leave out with a bundle (every stream reads as video, codecs are
+  // empty): each sender SSRC's kind from the offer, each kind's codec from the answer.
+  std::map<std::string, std::string> kindBySSRC;
+  std::map<std::string, std::map<std::string, std::string>> codecByKind;
 
   ~Shared() {
     if (offer) gst_sdp_message_free(offer);
@@ -545,6 +585,7 @@ class GstPeer final : public WebRTCPeer {
       std::lock_guard hold(shared_->lock);
       if (shared_->offer) gst_sdp_message_free(shared_->offer);
       gst_sdp_message_copy(message, &shared_->offer);
+      noteSenderSSRCs(message, shared_->kindBySSRC);
     }
     GstWebRTCSessionDescription* offer =
         gst_webrtc_session_description_new(GST_WEBRTC_SDP_TYPE_OFFER, message);
@@ -575,6 +616,7 @@ class GstPeer final : public WebRTCPeer {
             {
               std::lock_guard hold(shared->lock);
               if (shared->offer) keepOfferedProfiles(answer->sdp, shared->offer);
+              noteAnsweredCodecs(answer->sdp, shared->codecByKind);
             }
             gchar* text = gst_sdp_message_as_text(answer->sdp);
             std::string sdp = text;
@@ -602,8 +644,8 @@ class GstPeer final : public WebRTCPeer {
   void stats(std::function<void(std::vector<StatsReport>)> done) override {
     whileOpen([&](GstElement* webrtc) {
       emitWithPromise(webrtc, "get-stats", static_cast<GstPad*>(nullptr),
-                      promise(shared_, [done](const GstStructure* reply) {
-                        done(reply ? reports(reply) : std::vector<StatsReport>{});
+                      promise(shared_, [done, shared = shared_.get()](const GstStructure* reply) {
+                        done(reply ? reports(reply, *shared) : std::vector<StatsReport>{});
                       }));
     });
   }
@@ -624,7 +666,7 @@ class GstPeer final : public WebRTCPeer {
   }
 
  private:
-  static std::vector<StatsReport> reports(const GstStructure* reply) {
+  static std::vector<StatsReport> reports(const GstStructure* reply, Shared& shared) {
     std::vector<StatsReport> out;
     for (int i = 0; i < gst_structure_n_fields(reply); ++i) {
       const GValue* value = gst_structure_get_value(reply, gst_structure_nth_field_name(reply, i));
@@ -641,6 +683,15 @@ class GstPeer final : public WebRTCPeer {
       }
       out.push_back(std::move(report));
     }
+    std::lock_guard hold(shared.lock);
+    for (auto& report : out) {
+      auto kind = shared.kindBySSRC.find(report.values["ssrc"]);
+      if (report.type != "inbound-rtp" || kind == shared.kindBySSRC.end()) continue;
+      report.values["kind"] = kind->second;
+      report.values["codecId"] = "codec-" + kind->second;
+    }
+    for (const auto& [kind, values] : shared.codecByKind)
+      out.push_back({"codec", "codec-" + kind, values});
     return out;
   }
 

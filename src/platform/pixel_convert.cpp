@@ -13,6 +13,7 @@
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
+#include <immintrin.h>
 #endif
 
 namespace qvn {
@@ -154,6 +155,59 @@ inline void eightPixels(const std::uint8_t* y, __m128i cbcr, std::uint8_t* bgra)
   _mm_storeu_si128(reinterpret_cast<__m128i*>(bgra), _mm_unpacklo_epi16(bg, ra));
   _mm_storeu_si128(reinterpret_cast<__m128i*>(bgra + 16), _mm_unpackhi_epi16(bg, ra));
 }
+
+// One channel's bytes of sixteen pixels, in two 8-byte halves, one per 128-bit lane.
+__attribute__((target("avx2"))) inline __m256i wideChannel(__m256i chroma, __m256i lumaLow,
+                                                           __m256i lumaHigh, int coefficients) {
+  const __m256i c = _mm256_madd_epi16(chroma, _mm256_set1_epi32(coefficients));
+  const __m256i low = _mm256_srai_epi32(_mm256_add_epi32(lumaLow, _mm256_unpacklo_epi32(c, c)), 13);
+  const __m256i high =
+      _mm256_srai_epi32(_mm256_add_epi32(lumaHigh, _mm256_unpackhi_epi32(c, c)), 13);
+  const __m256i words = _mm256_packs_epi32(low, high);
+  return _mm256_packus_epi16(words, words);
+}
+
+// The same sums sixteen pixels at a time: each 128-bit lane does what eightPixels does, and
+// the lanes are put back in pixel order at the store, so both paths give the same bytes.
+__attribute__((target("avx2"))) inline void sixteenPixels(const std::uint8_t* y, __m128i cbcr,
+                                                          std::uint8_t* bgra) {
+  const __m256i luma =
+      _mm256_sub_epi16(_mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(y))),
+                       _mm256_set1_epi16(16));
+  const __m256i chroma = _mm256_sub_epi16(_mm256_cvtepu8_epi16(cbcr), _mm256_set1_epi16(128));
+  const __m256i gain = _mm256_set1_epi32(pairOf(kLumaGain, 1 << 12));
+  const __m256i one = _mm256_set1_epi16(1);
+  const __m256i lumaLow = _mm256_madd_epi16(_mm256_unpacklo_epi16(luma, one), gain);
+  const __m256i lumaHigh = _mm256_madd_epi16(_mm256_unpackhi_epi16(luma, one), gain);
+  const __m256i blue = wideChannel(chroma, lumaLow, lumaHigh, pairOf(kBlueFromCb, 0));
+  const __m256i green = wideChannel(chroma, lumaLow, lumaHigh, pairOf(kGreenFromCb, kGreenFromCr));
+  const __m256i red = wideChannel(chroma, lumaLow, lumaHigh, pairOf(0, kRedFromCr));
+  const __m256i bg = _mm256_unpacklo_epi8(blue, green);
+  const __m256i ra = _mm256_unpacklo_epi8(red, _mm256_set1_epi8(-1));
+  const __m256i first = _mm256_unpacklo_epi16(bg, ra);   // pixels 0-3 and 8-11
+  const __m256i second = _mm256_unpackhi_epi16(bg, ra);  // pixels 4-7 and 12-15
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(bgra),
+                      _mm256_permute2x128_si256(first, second, 0x20));
+  _mm256_storeu_si256(reinterpret_cast<__m256i*>(bgra + 32),
+                      _mm256_permute2x128_si256(first, second, 0x31));
+}
+
+// Sixteen pixels' Cb,Cr pairs as sixteen bytes.
+template <int step>
+inline __m128i sixteenChroma(const std::uint8_t* u, const std::uint8_t* v, int x) {
+  if constexpr (step == 2) return _mm_loadu_si128(reinterpret_cast<const __m128i*>(u + x));
+  return _mm_unpacklo_epi8(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(u + x / 2)),
+                           _mm_loadl_epi64(reinterpret_cast<const __m128i*>(v + x / 2)));
+}
+
+template <int step>
+__attribute__((target("avx2"))) int rowToBGRAWide(const std::uint8_t* y, const std::uint8_t* u,
+                                                  const std::uint8_t* v, std::uint8_t* bgra,
+                                                  int width) {
+  int x = 0;
+  for (; x + 16 <= width; x += 16) sixteenPixels(y + x, sixteenChroma<step>(u, v, x), bgra + x * 4);
+  return x;
+}
 #endif
 
 // One row; `step` is 1 for separate U and V rows, 2 for an interleaved CbCr row (v = u + 1).
@@ -162,6 +216,8 @@ void rowToBGRA(const std::uint8_t* y, const std::uint8_t* u, const std::uint8_t*
                std::uint8_t* bgra, int width) {
   int x = 0;
 #if defined(__SSE2__)
+  static const bool wide = __builtin_cpu_supports("avx2");
+  if (wide) x = rowToBGRAWide<step>(y, u, v, bgra, width);
   for (; x + 8 <= width; x += 8) {
     __m128i cbcr;
     if constexpr (step == 2) {

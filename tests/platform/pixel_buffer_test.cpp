@@ -154,8 +154,9 @@ std::array<double, 3> referenceBGR(int y, int u, int v) {
 }
 
 TEST(PixelConvert, YuvToBgraMatchesTheReference) {
-  // 22 wide: vector steps of 8 and a plain tail.
-  PixelBufferRef i420 = PixelBuffer::make(PixelFormat::i420, 22, 4);
+  // 46 wide: two wide steps of 16, one of 8 and a plain tail.
+  constexpr int kWidth = 46;
+  PixelBufferRef i420 = PixelBuffer::make(PixelFormat::i420, kWidth, 4);
   std::mt19937 random(709);
   for (int plane = 0; plane < 3; ++plane) {
     for (int y = 0; y < i420->planeHeight(plane); ++y) {
@@ -164,14 +165,14 @@ TEST(PixelConvert, YuvToBgraMatchesTheReference) {
       }
     }
   }
-  PixelBufferRef nv12 = PixelBuffer::make(PixelFormat::nv12, 22, 4);
-  PixelBufferRef fromI420 = PixelBuffer::make(PixelFormat::bgra, 22, 4);
-  PixelBufferRef fromNV12 = PixelBuffer::make(PixelFormat::bgra, 22, 4);
+  PixelBufferRef nv12 = PixelBuffer::make(PixelFormat::nv12, kWidth, 4);
+  PixelBufferRef fromI420 = PixelBuffer::make(PixelFormat::bgra, kWidth, 4);
+  PixelBufferRef fromNV12 = PixelBuffer::make(PixelFormat::bgra, kWidth, 4);
   ASSERT_TRUE(i420ToNV12(*i420, *nv12));
   ASSERT_TRUE(i420ToBGRA(*i420, *fromI420));
   ASSERT_TRUE(nv12ToBGRA(*nv12, *fromNV12));
   for (int y = 0; y < 4; ++y) {
-    for (int x = 0; x < 22; ++x) {
+    for (int x = 0; x < kWidth; ++x) {
       const int c = y / 2 * i420->stride(1) + x / 2;
       const auto expected =
           referenceBGR(i420->data(0)[y * i420->stride(0) + x], i420->data(1)[c], i420->data(2)[c]);

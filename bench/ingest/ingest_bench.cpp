@@ -4,7 +4,9 @@
 // to one core. Prints a table of medians and ratios and whether 1080p stays under 1 ms;
 // `--json FILE` also writes it. Google Benchmark's own flags pass through.
 #include <benchmark/benchmark.h>
+
 #include <sched.h>
+#include "common/json_argument.h"
 
 #include <cstdio>
 #include <cstring>
@@ -246,24 +248,7 @@ bool writeJson(const std::string& path, const std::vector<Row>& rows, std::optio
 }  // namespace
 
 int main(int argc, char** argv) {
-  // --json FILE is ours; everything else goes to Google Benchmark.
-  std::string jsonPath;
-  std::vector<char*> args;
-  for (int i = 0; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--json" && i + 1 < argc) {
-      jsonPath = argv[++i];
-    } else if (arg.rfind("--json=", 0) == 0) {
-      jsonPath = arg.substr(7);
-    } else if (arg == "--json") {
-      std::fprintf(stderr, "qvn-bench-ingest: --json needs a file\n");
-      return 2;
-    } else {
-      args.push_back(argv[i]);
-    }
-  }
-  int count = int(args.size());
-  args.push_back(nullptr);
+  auto [jsonPath, args, count] = bench::takeJsonArgument(argc, argv, "qvn-bench-ingest");
 
   const std::optional<int> core = pinToOneCore();
   registerCases();

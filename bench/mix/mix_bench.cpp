@@ -11,9 +11,11 @@
 //
 // The compositor only does (a) and (d); the others are the mix's alone.
 #include <benchmark/benchmark.h>
+
 #include <gst/gst.h>
 #include <malloc.h>
 #include <time.h>
+#include "common/json_argument.h"
 
 #include <algorithm>
 #include <chrono>
@@ -728,24 +730,7 @@ bool writeJson(const std::string& path, const std::vector<Row>& rows,
 }  // namespace
 
 int main(int argc, char** argv) {
-  // --json FILE is ours; everything else goes to Google Benchmark.
-  std::string jsonPath;
-  std::vector<char*> args;
-  for (int i = 0; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--json" && i + 1 < argc) {
-      jsonPath = argv[++i];
-    } else if (arg.rfind("--json=", 0) == 0) {
-      jsonPath = arg.substr(7);
-    } else if (arg == "--json") {
-      std::fprintf(stderr, "qvn-bench-mix: --json needs a file\n");
-      return 2;
-    } else {
-      args.push_back(argv[i]);
-    }
-  }
-  int count = int(args.size());
-  args.push_back(nullptr);
+  auto [jsonPath, args, count] = bench::takeJsonArgument(argc, argv, "qvn-bench-mix");
 
   // GStreamer allocates a canvas-sized buffer per pad and frame. Whether glibc hands it out
   // recycled or fresh from the kernel (a page fault per 4 KiB, several times the blending)

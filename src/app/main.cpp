@@ -15,12 +15,15 @@
 #include <thread>
 #include <typeinfo>
 
+#include "audio/audio_engine.h"
+#include "golive/rtmp_publisher.h"
 #include "phones/tcp_signaling_server.h"
 #include "platform/app.h"
 #include "platform/defaults.h"
 #include "platform/files.h"
 #include "studio/studio_shell.h"
 #include "support/qvn_log.h"
+#include "video/mix_engine.h"
 
 namespace {
 
@@ -30,11 +33,12 @@ struct Options {
   qvn::PhoneOptions phoneOptions;
   std::optional<double> forSeconds;
   std::optional<std::string> dataRoot;
+  std::optional<std::string> publishURL;
 };
 
 constexpr std::string_view kUsage =
     "usage: quorvane-studio [--headless] [--for SECONDS] [--data-root DIR] [--phones]\n"
-    "                       [--phone-port N] [--phone-local-addr ADDRESS]\n";
+    "                       [--phone-port N] [--phone-local-addr ADDRESS] [--publish URL]\n";
 
 // An error text for the operator, or none when the options are good.
 std::optional<std::string> parse(int argc, char** argv, Options& options) {
@@ -72,7 +76,13 @@ std::optional<std::string> parse(int argc, char** argv, Options& options) {
       auto address = value();
       if (!address || address->empty()) return "--phone-local-addr needs an IP address";
       options.phoneOptions.localAddress = std::string(*address);
-    } else if (arg == "--publish" || arg == "--record") {
+    } else if (arg == "--publish") {
+      auto url = value();
+      if (!url || !(url->starts_with("rtmp://") || url->starts_with("rtmps://")) ||
+          url->find('/', url->find("//") + 2) == std::string_view::npos)
+        return "--publish needs an rtmp:// or rtmps:// address ending in the stream key";
+      options.publishURL = std::string(*url);
+    } else if (arg == "--record") {
       return std::string(arg) + " is not part of this build yet";
     } else {
       return "unknown option " + std::string(arg);
@@ -161,7 +171,28 @@ int main(int argc, char** argv) {
   if (options.forSeconds) main.asyncAfter(*options.forSeconds, quit);
 
   main.async([&] { shell.launch(); });
+  // Straight to the user's own server, without the cloud: Program and the stream bus.
+  std::shared_ptr<qvn::RTMPPublisher> publisher;
+  if (options.publishURL)
+    main.async([&] {
+      publisher = qvn::RTMPPublisher::make(
+          {hubs.frames, std::dynamic_pointer_cast<qvn::AudioEngine>(hubs.audio), [] {
+             return std::pair{qvn::MixEngine::canvasWidth(), qvn::MixEngine::canvasHeight()};
+           }});
+      publisher->onStatus = [](const std::string& text) { qvn::QvnLog::line("publish: " + text); };
+      publisher->onFatal = [](const std::string& why) {
+        qvn::QvnLog::line("publish failed: " + why);
+      };
+      const std::string& url = *options.publishURL;
+      const size_t cut = url.rfind('/');
+      qvn::StreamConfig config;
+      config.width = qvn::MixEngine::canvasWidth();
+      config.height = qvn::MixEngine::canvasHeight();
+      config.videoBitrate = config.height > 1080 ? 16'000'000 : 6'000'000;
+      publisher->start(url.substr(0, cut), url.substr(cut + 1), 0, config);
+    });
   main.run();
+  if (publisher) publisher->stop();
   qvn::QvnLog::flush();
   return 0;
 }

@@ -111,20 +111,30 @@ NginxIngest::NginxIngest(Options options) : options_(options) {
     if (options_.untrustedTLS) untrustedPort_ = ports[2];
     if (!openssl.empty()) makeCertificates(openssl);
     writeConfig(modules);
-    const fs::path conf = prefix_ / "nginx.conf";
-    const fs::path log = prefix_ / "logs" / "error.log";
-    // -e: the log is ours from the first line, before the configuration is read.
-    nginx_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{nginx, "-p", prefix_.string() + "/", "-c", conf.string(), "-e",
-                                 log.string()},
-        prefix_ / "logs" / "stdout.log", prefix_ / "logs" / "stderr.log");
-    waitUntilListening();
+    nginxPath_ = nginx;
+    start();
   } catch (...) {
     nginx_.reset();
     std::error_code ignored;
     fs::remove_all(prefix_, ignored);
     throw;
   }
+}
+
+void NginxIngest::start() {
+  const fs::path conf = prefix_ / "nginx.conf";
+  const fs::path log = prefix_ / "logs" / "error.log";
+  // -e: the log is ours from the first line, before the configuration is read.
+  nginx_ = std::make_unique<ChildProcess>(
+      std::vector<std::string>{nginxPath_, "-p", prefix_.string() + "/", "-c", conf.string(), "-e",
+                               log.string()},
+      prefix_ / "logs" / "stdout.log", prefix_ / "logs" / "stderr.log");
+  waitUntilListening();
+}
+
+void NginxIngest::stop() {
+  if (nginx_) nginx_->stop(SIGKILL, kStopSeconds);
+  nginx_.reset();
 }
 
 NginxIngest::~NginxIngest() {

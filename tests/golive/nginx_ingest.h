@@ -45,6 +45,11 @@ class NginxIngest {
   // The PEM file of the CA that signed the trusted front's certificate.
   std::filesystem::path caFile() const { return prefix_ / "tls" / "ca.crt"; }
 
+  // The ingest gone at once, as a crash or a cut cable would take it; and back on the same
+  // ports and configuration.
+  void stop();
+  void start();
+
   std::uint16_t rtmpPort() const { return rtmpPort_; }
   pid_t pid() const;
   bool running();
@@ -61,6 +66,7 @@ class NginxIngest {
   void waitUntilListening();
 
   Options options_;
+  std::string nginxPath_;
   std::filesystem::path prefix_;
   std::uint16_t rtmpPort_ = 0;
   std::uint16_t tlsPort_ = 0;

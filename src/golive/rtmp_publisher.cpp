@@ -39,10 +39,35 @@ std::uint32_t RTMPPublisher::audioMilliseconds(std::int64_t startFrame, std::int
 }
 
 std::pair<int, int> RTMPPublisher::outputSize(const StreamConfig& config,
-                                              std::pair<int, int> canvas) {
-  const int width = std::min(config.width, canvas.first);
-  const int height = std::min(config.height, canvas.second);
+                                              std::pair<int, int> canvas,
+                                              std::optional<std::pair<int, int>> chosen) {
+  int width = std::min(config.width, canvas.first);
+  int height = std::min(config.height, canvas.second);
+  if (chosen) {
+    width = std::min(width, chosen->first);
+    height = std::min(height, chosen->second);
+  }
   return {width - width % 2, height - height % 2};
+}
+
+std::int64_t RTMPPublisher::bitrateFor(std::int64_t bitrate, int height, bool chosen) {
+  constexpr std::int64_t k720Ceiling = 4'000'000;
+  return chosen && height <= 720 ? std::min(bitrate, k720Ceiling) : bitrate;
+}
+
+namespace {
+std::mutex preferredLock;
+std::optional<std::pair<int, int>> preferredSize;
+}  // namespace
+
+void RTMPPublisher::setPreferredSize(std::optional<std::pair<int, int>> size) {
+  std::lock_guard hold(preferredLock);
+  preferredSize = size;
+}
+
+std::optional<QvnPublishSample> RTMPPublisher::latestSample() const {
+  std::lock_guard hold(sampleLock_);
+  return latestSample_;
 }
 
 // ---- Life ------------------------------------------------------------------------------------
@@ -103,9 +128,17 @@ bool RTMPPublisher::startOnQueue(const std::string& url, const std::string& key,
   }
   // 4-6
   const auto canvas = sources_.canvasSize ? sources_.canvasSize() : std::pair{1920, 1080};
-  const auto [width, height] = outputSize(config, canvas);
+  std::optional<std::pair<int, int>> chosen;
+  {
+    std::lock_guard hold(preferredLock);
+    chosen = preferredSize;
+  }
+  const auto [width, height] = outputSize(config, canvas, chosen);
   const int fps = std::min(config.fps, 30);
-  const std::int64_t bitrate = config.videoBitrate;
+  const std::int64_t bitrate = bitrateFor(config.videoBitrate, height, chosen.has_value());
+  if (bitrate != config.videoBitrate)
+    QvnLog::line("golive 720p output → bitrate " + kbps(config.videoBitrate) + " → " +
+                 kbps(bitrate) + " kbps");
   if (width < 2 || height < 2 || fps < 1 || bitrate < 1) {
     status("stream_config produced an unusable encoder spec");
     QvnLog::line("golive encoder spec rejected after ceiling " + std::to_string(width) + "×" +
@@ -115,7 +148,9 @@ bool RTMPPublisher::startOnQueue(const std::string& url, const std::string& key,
     return false;
   }
   // 7-8: Main profile, no reordering, a keyframe at least every two seconds, real time.
-  encoder_ = H264Encoder::make({width, height, fps, bitrate, ""}, error);
+  const H264Settings settings{width, height, fps, bitrate, ""};
+  encoder_ = sources_.makeEncoder ? sources_.makeEncoder(settings, error)
+                                  : H264Encoder::make(settings, error);
   if (!encoder_) {
     status("Could not start the H.264 encoder");
     QvnLog::line("golive H.264 encoder failed: " + error);
@@ -134,6 +169,10 @@ bool RTMPPublisher::startOnQueue(const std::string& url, const std::string& key,
   reconnectAttempt_ = 0;
   droppedVideoFrames_ = framesSubmitted_ = encoderDrops_ = reconnectCount_ = 0;
   encodedVideoBytes_ = 0;
+  {
+    std::lock_guard hold(sampleLock_);
+    latestSample_.reset();
+  }
   // 10-11
   openSocket();
   lastEncodeTime_ = lastForcedKeyframe_ = 0;
@@ -149,6 +188,10 @@ bool RTMPPublisher::startOnQueue(const std::string& url, const std::string& key,
     sources_.frames->setMixListener([weak](const PixelBufferRef& buffer) {
       if (auto self = weak.lock()) self->offer(buffer);
     });
+  // 13
+  healthTimer_ = RepeatingTimer(*queue_, 1.0, [weak] {
+    if (auto self = weak.lock()) self->takeSample();
+  });
   // 14
   if (sources_.audio)
     sources_.audio->addBusConsumer(kBusName,
@@ -180,6 +223,11 @@ void RTMPPublisher::stopOnQueue() {
   {
     std::lock_guard hold(mailboxLock_);
     nextFrame_.reset();
+  }
+  healthTimer_.cancel();
+  {
+    std::lock_guard hold(sampleLock_);
+    latestSample_.reset();
   }
   sentBytesTotal_ = 0;
   encoder_.reset();
@@ -401,6 +449,43 @@ void RTMPPublisher::publish(const EncodedFrame& frame, double pts, double made, 
   if (sampled())
     QvnLog::line(head + "sent " + std::to_string(frame.nals.size()) + " bytes keyframe=" +
                  (frame.keyframe ? "true" : "false") + " ts=" + std::to_string(ms));
+}
+
+// ---- Health -----------------------------------------------------------------------------------
+
+void RTMPPublisher::takeSample() {
+  QvnPublishSample sample;
+  sample.time = monotonicTime();
+  if (rtmp_) {
+    const auto counters = rtmp_->sendCounters();
+    sample.publishing = rtmp_->ready();
+    sample.pendingBytes = counters.pending;
+    sample.backlogSeconds = rtmp_->backlogSeconds(sample.time);
+    sample.sentBytes = sentBytesTotal_ + counters.sent;
+    rtmp_->withDelivery([&](const QvnDeliveryTracker& d) {
+      if (d.seen()) {
+        sample.unackedBytes = d.written() - d.acked();
+        sample.ackedBytes = d.acked();
+      }
+      sample.deliverySeconds = d.delaySeconds(sample.time);
+      return 0;
+    });
+  } else {
+    sample.sentBytes = sentBytesTotal_;
+  }
+  sample.framesSubmitted = framesSubmitted_;
+  sample.encoderDrops = encoderDrops_;
+  sample.networkDrops = droppedVideoFrames_;
+  sample.encodedVideoBytes = encodedVideoBytes_;
+  sample.reconnects = reconnectCount_;
+  sample.currentBitrate = currentBitrate_;
+  sample.targetBitrate = targetBitrate_;
+  sample.width = width_;
+  sample.height = height_;
+  sample.fps = fps_;
+  sample.audioBitrate = audioBitrate();
+  std::lock_guard hold(sampleLock_);
+  latestSample_ = sample;
 }
 
 // ---- Sound -----------------------------------------------------------------------------------

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "golive/go_live_publisher.h"
+#include "golive/publish_sample.h"
 #include "golive/publish_timing.h"
 #include "golive/rtmp_socket.h"
 #include "platform/codecs.h"
@@ -40,6 +41,9 @@ class RTMPPublisher final : public GoLivePublisher,
     std::shared_ptr<FrameHub> frames;
     std::shared_ptr<AudioEngine> audio;
     std::function<std::pair<int, int>()> canvasSize;
+    // The H.264 encoder; H264Encoder unless a test gives its own.
+    std::function<std::unique_ptr<VideoEncoder>(const H264Settings&, std::string& error)>
+        makeEncoder;
   };
   static std::shared_ptr<RTMPPublisher> make(Sources sources);
   ~RTMPPublisher() override;
@@ -57,12 +61,22 @@ class RTMPPublisher final : public GoLivePublisher,
   void setLiveBitrate(std::int64_t bitsPerSecond);
   void setProgramSlot(int) override {}
 
+  // The last second's sample; none before the first one or after `stop`. Any thread.
+  std::optional<QvnPublishSample> latestSample() const;
+  // The size the operator chose for the stream, or none to send the canvas as it is. Any
+  // thread; read by the next `start`.
+  static void setPreferredSize(std::optional<std::pair<int, int>> size);
+
   // Milliseconds on the stream's timeline; negative times become 0, halves round away.
   static std::uint32_t videoMilliseconds(double pts, double videoZero);
   static std::uint32_t audioMilliseconds(std::int64_t startFrame, std::int64_t originFrame,
                                          double videoZero);
-  // The encoded size: the config's, within the canvas, each side made even.
-  static std::pair<int, int> outputSize(const StreamConfig& config, std::pair<int, int> canvas);
+  // The encoded size: the config's, within the canvas and the chosen size, each side made even.
+  static std::pair<int, int> outputSize(const StreamConfig& config, std::pair<int, int> canvas,
+                                        std::optional<std::pair<int, int>> chosen);
+  // A chosen size of 720 lines or fewer streams at 4 Mb/s at most; the canvas as it is keeps
+  // what it was given.
+  static std::int64_t bitrateFor(std::int64_t bitrate, int height, bool chosen);
 
  private:
   struct Pending {
@@ -86,12 +100,13 @@ class RTMPPublisher final : public GoLivePublisher,
   void flushAudio();
   std::int64_t audioBitrate() const;
   bool sampled() const;
+  void takeSample();
 
   const Sources sources_;
   std::unique_ptr<SerialQueue> queue_;
 
   // The queue's own.
-  std::unique_ptr<H264Encoder> encoder_;
+  std::unique_ptr<VideoEncoder> encoder_;
   std::unique_ptr<AACEncoder> aac_;
   std::shared_ptr<RTMPSocket> rtmp_;
   bool sentHeader_ = false, sentAudioHeader_ = false;
@@ -117,6 +132,10 @@ class RTMPPublisher final : public GoLivePublisher,
   long publishCalls_ = 0;
   QvnPixelBufferPool scaledPool_{PixelFormat::bgra, 2};
   QvnPixelBufferPool i420Pool_{PixelFormat::i420, 2};
+
+  RepeatingTimer healthTimer_;
+  mutable std::mutex sampleLock_;
+  std::optional<QvnPublishSample> latestSample_;
 
   // The one-frame mailbox between the mix queue and ours.
   std::mutex mailboxLock_;

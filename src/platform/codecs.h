@@ -30,21 +30,33 @@ struct EncodedFrame {
   std::int64_t pts = 0;
 };
 
-class H264Encoder {
+// What a publisher needs of an H.264 encoder; the real one is H264Encoder.
+class VideoEncoder {
+ public:
+  virtual ~VideoEncoder() = default;
+  // An I420 picture of the encoder's size in, one encoded frame out; none on failure.
+  virtual std::optional<EncodedFrame> encode(const PixelBuffer& picture, std::int64_t pts,
+                                             bool forceKeyframe) = 0;
+  // The AVCDecoderConfigurationRecord of the stream: profile, level, SPS and PPS.
+  virtual const std::vector<std::uint8_t>& decoderConfiguration() const = 0;
+  // A new target while running; false when the encoder refused it.
+  virtual bool setBitrate(std::int64_t bitsPerSecond) = 0;
+};
+
+class H264Encoder final : public VideoEncoder {
  public:
   // "veryfast" up to 1920×1080, "superfast" above.
   static std::string presetFor(int width, int height);
   // None, with `error` in plain words, when the encoder can't be made.
   static std::unique_ptr<H264Encoder> make(const H264Settings& settings, std::string& error);
-  ~H264Encoder();
+  ~H264Encoder() override;
 
-  // An I420 picture of the encoder's size in, one encoded frame out; none on failure.
   std::optional<EncodedFrame> encode(const PixelBuffer& picture, std::int64_t pts,
-                                     bool forceKeyframe);
-  // The AVCDecoderConfigurationRecord of the stream: profile, level, SPS and PPS.
-  const std::vector<std::uint8_t>& decoderConfiguration() const { return configuration_; }
-  // A new target while running; false when the encoder refused it.
-  bool setBitrate(std::int64_t bitsPerSecond);
+                                     bool forceKeyframe) override;
+  const std::vector<std::uint8_t>& decoderConfiguration() const override {
+    return configuration_;
+  }
+  bool setBitrate(std::int64_t bitsPerSecond) override;
 
  private:
   struct State;

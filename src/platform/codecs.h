@@ -53,9 +53,7 @@ class H264Encoder final : public VideoEncoder {
 
   std::optional<EncodedFrame> encode(const PixelBuffer& picture, std::int64_t pts,
                                      bool forceKeyframe) override;
-  const std::vector<std::uint8_t>& decoderConfiguration() const override {
-    return configuration_;
-  }
+  const std::vector<std::uint8_t>& decoderConfiguration() const override { return configuration_; }
   bool setBitrate(std::int64_t bitsPerSecond) override;
 
  private:

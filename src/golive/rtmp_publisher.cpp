@@ -114,6 +114,7 @@ bool RTMPPublisher::startOnQueue(const std::string& url, const std::string& key,
   startedAt_ = monotonicTime();
   originFrame_ = sources_.audio ? sources_.audio->mix().streamFrames() : 0;
   videoZeroSeconds_.reset();
+  lastVideoMs_.reset();
   sentHeader_ = sentAudioHeader_ = false;
   pcmQueue_.clear();
   queuedFrames_ = 0;
@@ -426,7 +427,12 @@ void RTMPPublisher::publish(const EncodedFrame& frame, double pts, double made, 
   const std::uint32_t ms = videoMilliseconds(pts, *videoZeroSeconds_);
   const double now = monotonicTime();
   bool send = true;
-  if (frame.keyframe) {
+  if (lastVideoMs_ && ms <= *lastVideoMs_) {
+    // Never out of order: a frame whose millisecond would not advance goes. Without its
+    // keyframe the frames after it can't be shown, so they wait for the next one.
+    send = false;
+    if (frame.keyframe) rtmp_->droppingPFrames = true;
+  } else if (frame.keyframe) {
     rtmp_->droppingPFrames = false;
   } else if (rtmp_->droppingPFrames) {
     send = false;
@@ -434,12 +440,14 @@ void RTMPPublisher::publish(const EncodedFrame& frame, double pts, double made, 
     rtmp_->droppingPFrames = true;
     send = false;
   }
-  if (send)
+  if (send) {
     rtmp_->sendMessage(FLVMessage::kVideoType, stream, ms,
                        FLVMessage::avcFrame(frame.keyframe, frame.nals),
                        FLVMessage::kVideoChunkStream);
-  else
+    lastVideoMs_ = ms;
+  } else {
     rtmp_->noteDrop();
+  }
   // 9
   timing_.add(submitted - made, encoded - submitted, now - encoded);
   if (auto delay = rtmp_->withDelivery([now](const auto& d) { return d.delaySeconds(now); }))

@@ -126,6 +126,7 @@ class RTMPPublisher final : public GoLivePublisher,
   QvnPublishTiming timing_;
   std::int64_t originFrame_ = 0;
   std::optional<double> videoZeroSeconds_;
+  std::optional<std::uint32_t> lastVideoMs_;  // of the last picture sent; kept across sockets
   std::deque<Pending> pcmQueue_;
   std::int64_t queuedFrames_ = 0;
   long audioQueueDrops_ = 0;

@@ -13,6 +13,7 @@
 namespace qvn::test {
 
 struct CannedLog {
+  std::atomic<size_t> packetBytes{200};
   std::mutex gate;
   std::mutex lock;
   std::vector<int> pictures;  // the mark of each picture encoded
@@ -22,8 +23,8 @@ struct CannedLog {
 
 class CannedVideoEncoder final : public VideoEncoder {
  public:
-  CannedVideoEncoder(std::shared_ptr<CannedLog> log, int keyframeEvery, size_t packetBytes)
-      : log_(std::move(log)), keyframeEvery_(keyframeEvery), packetBytes_(packetBytes) {}
+  CannedVideoEncoder(std::shared_ptr<CannedLog> log, int keyframeEvery)
+      : log_(std::move(log)), keyframeEvery_(keyframeEvery) {}
 
   std::optional<EncodedFrame> encode(const PixelBuffer& picture, std::int64_t pts,
                                      bool forceKeyframe) override {
@@ -37,10 +38,11 @@ class CannedVideoEncoder final : public VideoEncoder {
     EncodedFrame frame;
     frame.keyframe = forceKeyframe || count_++ % keyframeEvery_ == 0;
     frame.pts = pts;
-    const std::uint32_t size = std::uint32_t(packetBytes_);
+    const size_t bytes = log_->packetBytes;
+    const std::uint32_t size = std::uint32_t(bytes);
     frame.nals = {std::uint8_t(size >> 24), std::uint8_t(size >> 16), std::uint8_t(size >> 8),
                   std::uint8_t(size)};
-    frame.nals.resize(4 + packetBytes_, std::uint8_t(mark));
+    frame.nals.resize(4 + bytes, std::uint8_t(mark));
     return frame;
   }
   const std::vector<std::uint8_t>& decoderConfiguration() const override { return record_; }
@@ -53,7 +55,6 @@ class CannedVideoEncoder final : public VideoEncoder {
  private:
   std::shared_ptr<CannedLog> log_;
   int keyframeEvery_;
-  size_t packetBytes_;
   long count_ = 0;
   std::vector<std::uint8_t> record_{0x01, 0x4D, 0x40, 0x1F, 0xFF, 0xE1, 0, 0, 0x01, 0, 0};
 };

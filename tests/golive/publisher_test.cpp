@@ -71,7 +71,7 @@ class PublisherSession : public ::testing::Test {
            return std::pair{64, 36};
          },
          [log = log](const H264Settings&, std::string&) -> std::unique_ptr<VideoEncoder> {
-           return std::make_unique<CannedVideoEncoder>(log, 30, 200);
+           return std::make_unique<CannedVideoEncoder>(log, 30);
          }});
     publisher->onPublished = [this] { ++published; };
     StreamConfig config;
@@ -185,6 +185,31 @@ TEST_F(PublisherSession, StopDuringTheWaitForAReconnectOpensNothing) {
   std::this_thread::sleep_for(200ms);  // the loss is noticed; the retry is a second away
   publisher->stop();
   EXPECT_FALSE(peer.accept(2000));
+}
+
+TEST_F(PublisherSession, ACloggedIngestCostsInterFramesAndAKeyframeResumesThePicture) {
+  Server server(peer);
+  acceptPublish(server);
+  log->packetBytes = 700'000;
+  // The ingest reads nothing: the queue passes 2 MiB and inter frames are let go.
+  auto sample = publisher->latestSample();
+  for (int i = 0; i < 100 && !(sample && sample->networkDrops > 0); ++i) {
+    frames->ingestMix(grey(std::uint8_t(50 + i)));
+    std::this_thread::sleep_for(40ms);
+    sample = publisher->latestSample();
+  }
+  ASSERT_TRUE(sample && sample->networkDrops > 0);
+  // The ingest catches up; once the backlog is gone a keyframe is asked for at once.
+  log->packetBytes = 200;
+  bool forced = false;
+  for (int i = 0; i < 200 && !forced; ++i) {
+    peer.readAvailable(20);
+    frames->ingestMix(grey(std::uint8_t(i)));
+    std::this_thread::sleep_for(20ms);
+    std::lock_guard hold(log->lock);
+    forced = std::ranges::find(log->forced, true) != log->forced.end();
+  }
+  EXPECT_TRUE(forced);
 }
 
 // The luma the encoder sees of a grey picture.

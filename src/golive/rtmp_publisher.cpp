@@ -141,8 +141,8 @@ bool RTMPPublisher::startOnQueue(const std::string& url, const std::string& key,
     QvnLog::line("golive 720p output → bitrate " + kbps(config.videoBitrate) + " → " +
                  kbps(bitrate) + " kbps");
   if (width < 2 || height < 2 || fps < 1 || bitrate < 1) {
-    status("stream_config produced an unusable encoder spec");
-    QvnLog::line("golive encoder spec rejected after ceiling " + std::to_string(width) + "×" +
+    status("stream_config produced unusable encoder settings");
+    QvnLog::line("golive encoder settings rejected after ceiling " + std::to_string(width) + "×" +
                  std::to_string(height) + " @" + std::to_string(fps) + " " +
                  std::to_string(bitrate) + "bps");
     aac_.reset();

@@ -66,10 +66,94 @@ inline std::uint8_t chromaCode(int cr, int cg, int cb, int r, int g, int b) {
   return static_cast<std::uint8_t>((cr * r + cg * g + cb * b + (128 << 18) + (1 << 17)) >> 18);
 }
 
-// `step` is 1 for separate U and V planes, 2 for interleaved CbCr.
+#if defined(__SSE2__)
+// Luma of eight BGRA pixels as eight int32, in order. kYG doesn't fit the int16 multiply-add,
+// so green is weighed twice, half each time: the sums are the scalar path's exactly.
+__attribute__((target("avx2"))) inline __m256i lumaOfEight(__m256i pixels) {
+  constexpr char z = -1;  // a zero byte
+  // Per 128-bit lane, the words b, g, r, g of two pixels.
+  const __m256i first =
+      _mm256_shuffle_epi8(pixels, _mm256_setr_epi8(0, z, 1, z, 2, z, 1, z, 4, z, 5, z, 6, z, 5, z,
+                                                   0, z, 1, z, 2, z, 1, z, 4, z, 5, z, 6, z, 5, z));
+  const __m256i second = _mm256_shuffle_epi8(
+      pixels, _mm256_setr_epi8(8, z, 9, z, 10, z, 9, z, 12, z, 13, z, 14, z, 13, z, 8, z, 9, z, 10,
+                               z, 9, z, 12, z, 13, z, 14, z, 13, z));
+  const __m256i weights = _mm256_setr_epi16(
+      short(kYB), short(kYG / 2), short(kYR), short(kYG - kYG / 2), short(kYB), short(kYG / 2),
+      short(kYR), short(kYG - kYG / 2), short(kYB), short(kYG / 2), short(kYR),
+      short(kYG - kYG / 2), short(kYB), short(kYG / 2), short(kYR), short(kYG - kYG / 2));
+  const __m256i sums =
+      _mm256_hadd_epi32(_mm256_madd_epi16(first, weights), _mm256_madd_epi16(second, weights));
+  return _mm256_srli_epi32(_mm256_add_epi32(sums, _mm256_set1_epi32((16 << 16) + (1 << 15))), 16);
+}
+
+// Sixteen luma bytes from sixteen pixels, `a` then `b`.
+__attribute__((target("avx2"))) inline __m128i lumaBytes(__m256i a, __m256i b) {
+  const __m256i words = _mm256_packs_epi32(lumaOfEight(a), lumaOfEight(b));
+  const __m256i bytes = _mm256_packus_epi16(words, words);
+  return _mm256_castsi256_si128(
+      _mm256_permutevar8x32_epi32(bytes, _mm256_setr_epi32(0, 4, 1, 5, 0, 0, 0, 0)));
+}
+
+// Per 128-bit lane, one 2×2 block's b, g, r, a sums twice over, weighed for Cb and for Cr:
+// the blocks of two pixels of `top` and `bottom` each.
+__attribute__((target("avx2"))) inline __m256i weighedBlocks(__m128i top, __m128i bottom) {
+  const __m256i weights = _mm256_setr_epi16(short(kUB), short(kUG), short(kUR), 0, short(kVB),
+                                            short(kVG), short(kVR), 0, short(kUB), short(kUG),
+                                            short(kUR), 0, short(kVB), short(kVG), short(kVR), 0);
+  const __m256i column = _mm256_add_epi16(_mm256_cvtepu8_epi16(top), _mm256_cvtepu8_epi16(bottom));
+  const __m256i block = _mm256_add_epi16(column, _mm256_bsrli_epi128(column, 8));
+  return _mm256_madd_epi16(_mm256_unpacklo_epi64(block, block), weights);
+}
+
+// Cb of four 2×2 blocks then their Cr, as eight int32, from eight pixels of two rows.
+__attribute__((target("avx2"))) inline __m256i chromaOfEight(__m256i top, __m256i bottom) {
+  const __m256i sums = _mm256_hadd_epi32(
+      weighedBlocks(_mm256_castsi256_si128(top), _mm256_castsi256_si128(bottom)),
+      weighedBlocks(_mm256_extracti128_si256(top, 1),
+                    _mm256_extracti128_si256(bottom, 1)));  // Cb0 Cr0 Cb2 Cr2 | 1, 3
+  const __m256i codes =
+      _mm256_srai_epi32(_mm256_add_epi32(sums, _mm256_set1_epi32((128 << 18) + (1 << 17))), 18);
+  return _mm256_permutevar8x32_epi32(codes, _mm256_setr_epi32(0, 4, 2, 6, 1, 5, 3, 7));
+}
+
+// Sixteen columns of a row pair at a time; how many columns it did.
+template <int step>
+__attribute__((target("avx2"))) int rowPairFromBGRAWide(const std::uint8_t* top,
+                                                        const std::uint8_t* bottom,
+                                                        std::uint8_t* yTop, std::uint8_t* yBottom,
+                                                        std::uint8_t* u, std::uint8_t* v,
+                                                        int width) {
+  int x = 0;
+  for (; x + 16 <= width; x += 16) {
+    const __m256i* t = reinterpret_cast<const __m256i*>(top + 4 * x);
+    const __m256i* b = reinterpret_cast<const __m256i*>(bottom + 4 * x);
+    const __m256i t0 = _mm256_loadu_si256(t), t1 = _mm256_loadu_si256(t + 1);
+    const __m256i b0 = _mm256_loadu_si256(b), b1 = _mm256_loadu_si256(b + 1);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(yTop + x), lumaBytes(t0, t1));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(yBottom + x), lumaBytes(b0, b1));
+    const __m256i words = _mm256_packs_epi32(chromaOfEight(t0, b0), chromaOfEight(t1, b1));
+    const __m256i bytes = _mm256_packus_epi16(words, words);  // Cb 0-7 twice | Cr 0-7 twice
+    const __m128i cb = _mm256_castsi256_si128(bytes), cr = _mm256_extracti128_si256(bytes, 1);
+    if constexpr (step == 2) {
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(u + x), _mm_unpacklo_epi8(cb, cr));
+    } else {
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(u + x / 2), cb);
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(v + x / 2), cr);
+    }
+  }
+  return x;
+}
+#endif
+
+// `step` is 1 for separate U and V planes, 2 for interleaved CbCr (v = u + 1).
+template <int step>
 void fromBGRA(const PixelBuffer& src, std::uint8_t* y, int yStride, std::uint8_t* u,
-              std::uint8_t* v, int chromaStride, int step) {
+              std::uint8_t* v, int chromaStride) {
   const int width = src.width();
+#if defined(__SSE2__)
+  static const bool wide = __builtin_cpu_supports("avx2");
+#endif
   for (int row = 0; row < src.height(); row += 2) {
     const std::uint8_t* top = src.bgraAt(0, row);
     const std::uint8_t* bottom = src.bgraAt(0, row + 1);
@@ -77,7 +161,11 @@ void fromBGRA(const PixelBuffer& src, std::uint8_t* y, int yStride, std::uint8_t
     std::uint8_t* yBottom = yTop + yStride;
     std::uint8_t* uRow = u + (row / 2) * chromaStride;
     std::uint8_t* vRow = v + (row / 2) * chromaStride;
-    for (int x = 0; x < width; x += 2) {
+    int x = 0;
+#if defined(__SSE2__)
+    if (wide) x = rowPairFromBGRAWide<step>(top, bottom, yTop, yBottom, uRow, vRow, width);
+#endif
+    for (; x < width; x += 2) {
       const std::uint8_t* a = top + x * 4;
       const std::uint8_t* b = a + 4;
       const std::uint8_t* c = bottom + x * 4;
@@ -267,13 +355,13 @@ bool nv12ToBGRA(const PixelBuffer& src, PixelBuffer& dst) {
 
 bool bgraToNV12(const PixelBuffer& src, PixelBuffer& dst) {
   if (!fits(src, PixelFormat::bgra, dst, PixelFormat::nv12)) return false;
-  bt709::fromBGRA(src, dst.data(0), dst.stride(0), dst.data(1), dst.data(1) + 1, dst.stride(1), 2);
+  bt709::fromBGRA<2>(src, dst.data(0), dst.stride(0), dst.data(1), dst.data(1) + 1, dst.stride(1));
   return true;
 }
 
 bool bgraToI420(const PixelBuffer& src, PixelBuffer& dst) {
   if (!fits(src, PixelFormat::bgra, dst, PixelFormat::i420)) return false;
-  bt709::fromBGRA(src, dst.data(0), dst.stride(0), dst.data(1), dst.data(2), dst.stride(1), 1);
+  bt709::fromBGRA<1>(src, dst.data(0), dst.stride(0), dst.data(1), dst.data(2), dst.stride(1));
   return true;
 }
 

@@ -102,7 +102,7 @@ TEST(H264Encoder, FramesDecodeBackWithKeyframesWhereAskedAndInOrder) {
   EXPECT_FALSE(encoder->encode(*greyPicture(160, 90, 50), 400, false));  // wrong size
   EXPECT_FALSE(H264Encoder::make({321, 180, 30, 800'000, ""}, error));
   EXPECT_EQ(H264Encoder::presetFor(1920, 1080), "veryfast");
-  EXPECT_EQ(H264Encoder::presetFor(3840, 2160), "superfast");
+  EXPECT_EQ(H264Encoder::presetFor(3840, 2160), "ultrafast");
 }
 
 TEST(AACEncoder, PacketsComeOutForEveryBlockOnceFilledAndTheConfigIsTheStandardOne) {

@@ -185,34 +185,36 @@ TEST(PixelConvert, YuvToBgraMatchesTheReference) {
 }
 
 TEST(PixelConvert, BgraToYuvMatchesTheReference) {
-  PixelBufferRef src = PixelBuffer::make(PixelFormat::bgra, 32, 16);
+  // 46 wide: two wide steps of 16 and a plain tail.
+  constexpr int kWidth = 46;
+  PixelBufferRef src = PixelBuffer::make(PixelFormat::bgra, kWidth, 16);
   std::mt19937 random(709);
   for (int y = 0; y < 16; ++y) {
-    for (int x = 0; x < 32 * 4; ++x) src->bgraAt(0, y)[x] = static_cast<std::uint8_t>(random());
+    for (int x = 0; x < kWidth * 4; ++x) src->bgraAt(0, y)[x] = static_cast<std::uint8_t>(random());
   }
   for (int i = 0; i < 4; ++i) std::memcpy(src->bgraAt(i % 2, i / 2), "\x00\x00\xff\xff", 4);  // red
-  PixelBufferRef i420 = PixelBuffer::make(PixelFormat::i420, 32, 16);
-  PixelBufferRef nv12 = PixelBuffer::make(PixelFormat::nv12, 32, 16);
-  PixelBufferRef viaI420 = PixelBuffer::make(PixelFormat::nv12, 32, 16);
+  PixelBufferRef i420 = PixelBuffer::make(PixelFormat::i420, kWidth, 16);
+  PixelBufferRef nv12 = PixelBuffer::make(PixelFormat::nv12, kWidth, 16);
+  PixelBufferRef viaI420 = PixelBuffer::make(PixelFormat::nv12, kWidth, 16);
   ASSERT_TRUE(bgraToI420(*src, *i420));
   ASSERT_TRUE(bgraToNV12(*src, *nv12));
   ASSERT_TRUE(i420ToNV12(*i420, *viaI420));
   EXPECT_EQ((std::array{i420->data(0)[0], i420->data(1)[0], i420->data(2)[0]}),
             (std::array<std::uint8_t, 3>{63, 102, 240}));
   for (int y = 0; y < 16; ++y) {
-    for (int x = 0; x < 32; ++x) {
+    for (int x = 0; x < kWidth; ++x) {
       const std::uint8_t* p = src->bgraAt(x, y);
       EXPECT_NEAR(i420->data(0)[y * i420->stride(0) + x], reference(p[2], p[1], p[0])[0], 0.51);
     }
     for (int plane = 0; plane < 2; ++plane) {  // both routes to NV12 agree
       const int row = plane == 0 ? y : y / 2;
       EXPECT_EQ(std::memcmp(nv12->data(plane) + row * nv12->stride(plane),
-                            viaI420->data(plane) + row * viaI420->stride(plane), 32),
+                            viaI420->data(plane) + row * viaI420->stride(plane), kWidth),
                 0);
     }
   }
   for (int y = 0; y < 8; ++y) {
-    for (int x = 0; x < 16; ++x) {
+    for (int x = 0; x < kWidth / 2; ++x) {
       double sum[3] = {};
       for (int i = 0; i < 12; ++i)
         sum[i % 3] += src->bgraAt(2 * x + i / 3 % 2, 2 * y + i / 6)[i % 3];

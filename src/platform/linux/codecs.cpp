@@ -29,7 +29,7 @@ H264Encoder::H264Encoder(std::unique_ptr<State> state) : state_(std::move(state)
 H264Encoder::~H264Encoder() = default;
 
 std::string H264Encoder::presetFor(int width, int height) {
-  return width * height <= 1920 * 1080 ? "veryfast" : "superfast";
+  return width * height <= 1920 * 1080 ? "veryfast" : "ultrafast";
 }
 
 namespace {

@@ -4,6 +4,7 @@
 // thread, so the main thread must never wait on this server.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
@@ -21,6 +22,8 @@ class PhoneAudioTap;     // a phone's decoded sound, as the audio engine takes i
 
 class SignalingServer {
  public:
+  static constexpr std::uint16_t kPort = 8765;
+
   virtual ~SignalingServer() = default;
 
   // Callback properties, set once while the studio is built.
@@ -41,6 +44,8 @@ class SignalingServer {
   // Playout of each phone's own audio track: on for the `audible` slot (every slot when 0)
   // unless muted. It never touches what the mix hears.
   virtual void setAudioEnabled(int audible, std::set<int> muted) = 0;
+  // Where phones reach the studio: kPort unless a test or the command line moved it.
+  virtual std::uint16_t port() const { return kPort; }
 };
 
 class SignalingServerNotYetAvailable final : public SignalingServer {

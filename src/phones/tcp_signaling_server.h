@@ -27,7 +27,6 @@ namespace qvn {
 class TCPSignalingServer final : public SignalingServer,
                                  public std::enable_shared_from_this<TCPSignalingServer> {
  public:
-  static constexpr std::uint16_t kPort = 8765;
   static constexpr int kDefaultOpenSlots = 12;
 
   // Listens on `address`:`port`; tests use loopback and port 0.
@@ -46,7 +45,7 @@ class TCPSignalingServer final : public SignalingServer,
   std::function<void(const std::string& line)> onDiagnostics;
 
   // The port listened on, once started.
-  std::uint16_t port() const { return listener_ ? listener_->port() : port_; }
+  std::uint16_t port() const override { return listener_ ? listener_->port() : port_; }
   // A remote-control command to the phone in `slot`.
   void sendControl(int slot, nlohmann::json message);
   // All 16 slots as the studio shows them.

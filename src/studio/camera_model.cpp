@@ -253,7 +253,7 @@ void CameraModel::start() {
     });
   }
   // 31
-  appendLog("Ready on " + ip() + ":8765  PIN " + pin());
+  appendLog("Ready on " + ip() + ":" + std::to_string(hubs_.signaling->port()) + "  PIN " + pin());
   // 32
   hubs_.updater->showBlocker = [weak = std::weak_ptr(anchor_)]() {
     auto alive = weak.lock();

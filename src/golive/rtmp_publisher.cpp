@@ -334,6 +334,16 @@ void RTMPPublisher::offer(const PixelBufferRef& buffer) {
     });
 }
 
+RTMPPublisher::VideoGate RTMPPublisher::videoGate(std::optional<std::uint32_t> lastMs,
+                                                  std::uint32_t ms, bool keyframe,
+                                                  bool waitingForKeyframe, bool backlogged) {
+  // Without its keyframe the pictures after it can't be shown, so they wait for the next.
+  if (lastMs && ms <= *lastMs) return {false, waitingForKeyframe || keyframe};
+  if (keyframe) return {true, false};
+  if (waitingForKeyframe || backlogged) return {false, true};
+  return {true, false};
+}
+
 void RTMPPublisher::takeFromMailbox() {
   PixelBufferRef buffer;
   double made;
@@ -426,21 +436,12 @@ void RTMPPublisher::publish(const EncodedFrame& frame, double pts, double made, 
   // 7-8
   const std::uint32_t ms = videoMilliseconds(pts, *videoZeroSeconds_);
   const double now = monotonicTime();
-  bool send = true;
-  if (lastVideoMs_ && ms <= *lastVideoMs_) {
-    // Never out of order: a frame whose millisecond would not advance goes. Without its
-    // keyframe the frames after it can't be shown, so they wait for the next one.
-    send = false;
-    if (frame.keyframe) rtmp_->droppingPFrames = true;
-  } else if (frame.keyframe) {
-    rtmp_->droppingPFrames = false;
-  } else if (rtmp_->droppingPFrames) {
-    send = false;
-  } else if (rtmp_->sendCounters().pending > kBacklogBytes || rtmp_->backlogSeconds(now) > 2.0) {
-    rtmp_->droppingPFrames = true;
-    send = false;
-  }
-  if (send) {
+  const bool backlogged =
+      rtmp_->sendCounters().pending > kBacklogBytes || rtmp_->backlogSeconds(now) > 2.0;
+  const VideoGate gate =
+      videoGate(lastVideoMs_, ms, frame.keyframe, rtmp_->droppingPFrames, backlogged);
+  rtmp_->droppingPFrames = gate.waitForKeyframe;
+  if (gate.send) {
     rtmp_->sendMessage(FLVMessage::kVideoType, stream, ms,
                        FLVMessage::avcFrame(frame.keyframe, frame.nals),
                        FLVMessage::kVideoChunkStream);

@@ -71,6 +71,15 @@ class RTMPPublisher final : public GoLivePublisher,
   static std::uint32_t videoMilliseconds(double pts, double videoZero);
   static std::uint32_t audioMilliseconds(std::int64_t startFrame, std::int64_t originFrame,
                                          double videoZero);
+  // Whether an encoded picture goes out, and whether the pictures after it wait for the next
+  // keyframe. A picture whose millisecond would not advance goes, never out of order; a
+  // backlogged ingest costs inter frames until a keyframe.
+  struct VideoGate {
+    bool send = true;
+    bool waitForKeyframe = false;
+  };
+  static VideoGate videoGate(std::optional<std::uint32_t> lastMs, std::uint32_t ms, bool keyframe,
+                             bool waitingForKeyframe, bool backlogged);
   // The encoded size: the config's, within the canvas and the chosen size, each side made even.
   static std::pair<int, int> outputSize(const StreamConfig& config, std::pair<int, int> canvas,
                                         std::optional<std::pair<int, int>> chosen);

@@ -32,6 +32,24 @@ TEST(PublisherRules, TimestampsStartAtTheFirstPictureAndRoundHalvesAway) {
   EXPECT_EQ(RTMPPublisher::audioMilliseconds(1000, 1000, 0.25), 0u);    // older than the picture
 }
 
+TEST(PublisherRules, APictureThatWouldNotAdvanceGoesAndWhatDependsOnItWaitsForAKeyframe) {
+  using Gate = RTMPPublisher::VideoGate;
+  auto gate = [](std::optional<std::uint32_t> last, std::uint32_t ms, bool key, bool waiting,
+                 bool backlogged = false) {
+    const Gate g = RTMPPublisher::videoGate(last, ms, key, waiting, backlogged);
+    return std::pair{g.send, g.waitForKeyframe};
+  };
+  EXPECT_EQ(gate(std::nullopt, 0, true, false), (std::pair{true, false}));
+  EXPECT_EQ(gate(33, 33, false, false), (std::pair{false, false}));  // same millisecond
+  EXPECT_EQ(gate(33, 20, false, false), (std::pair{false, false}));  // earlier
+  EXPECT_EQ(gate(33, 33, true, false), (std::pair{false, true}));    // a lost keyframe
+  EXPECT_EQ(gate(33, 66, false, true), (std::pair{false, true}));    // so this waits
+  EXPECT_EQ(gate(33, 66, true, true), (std::pair{true, false}));     // until the next
+  // A backlog costs inter frames, never a keyframe.
+  EXPECT_EQ(gate(33, 66, false, false, true), (std::pair{false, true}));
+  EXPECT_EQ(gate(33, 66, true, false, true), (std::pair{true, false}));
+}
+
 TEST(PublisherRules, TheSizeKeepsWithinTheCanvasAndTheChoiceAndComesOutEven) {
   StreamConfig config;
   config.width = 1279;

@@ -51,6 +51,8 @@ class QvnMonitorMixer {
   virtual ~QvnMonitorMixer() = default;
   std::function<void(std::vector<float> levels)> onMixLevel;  // from the audio side
   virtual void setVolume(double volume) = 0;
+  // Restarts a monitor output that has gone quiet; nothing when it runs.
+  virtual void kickMonitor() {}
 };
 
 // The second output that can carry the monitor mix to another device.

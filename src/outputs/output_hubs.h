@@ -58,6 +58,8 @@ struct WirelessDisplay {
 class WirelessDisplayBrowser {
  public:
   virtual ~WirelessDisplayBrowser() = default;
+  // Starts looking for nearby displays; calling it again while looking does nothing.
+  virtual void start() {}
   std::function<void(std::vector<WirelessDisplay>)> onChange;  // from the browser's thread
 };
 

@@ -39,6 +39,7 @@ std::vector<int> oneTo(int count) {
 CameraModel::CameraModel(StudioContext context)
     : slots(emptySlots()),
       displayOrder(oneTo(kMinVisibleInputs)),
+      panelDetach(context.settings),
       main_(context.main),
       settings_(context.settings),
       hubs_(std::move(context.hubs)),
@@ -52,6 +53,7 @@ CameraModel::CameraModel(StudioContext context)
   hubs_.signaling->setPin(pin());
   hubs_.signaling->setAcceptNewDevices(acceptNew());
   wireHubs();
+  panelRule_ = panel.subscribe([this](StudioPanel value) { panelDidChange(value); });
   // Views that observe only the model still refresh when the account changes.
   hubs_.cloud->onChange = hop([](CameraModel& m) { m.changed.emit(); });
 }
@@ -362,6 +364,8 @@ void CameraModel::handleWake() {
 }
 
 void CameraModel::willTerminate() {
+  // The panel windows that close as the studio quits leave the detached set as it was.
+  panelDetach.markTerminating();
   persistWorkspace();
   hubs_.stayAwake->stop();
 }

@@ -24,7 +24,9 @@
 #include "studio/key_action.h"
 #include "studio/observable.h"
 #include "studio/studio_hubs.h"
+#include "studio/studio_panel_detach.h"
 #include "studio/studio_values.h"
+#include "support/qvn_palette.h"
 
 namespace qvn {
 
@@ -138,6 +140,15 @@ class CameraModel {
   void setProgramOutput(const std::optional<std::string>& deviceID);
   // Keys and menu items; true when the action was taken up.
   bool perform(const QvnKeyAction& action);
+
+  // ---- Window ---------------------------------------------------------------------------
+  // A panel's key: opens it, or closes it back to the inspector when it is already open; a
+  // detached panel's window comes forward instead. Retired panels do nothing.
+  void togglePanel(StudioPanel panel);
+  // Opens the panel in the rail, unfolding the rail if need be.
+  void showPanel(StudioPanel panel);
+  // A card's tally edge: Program and Preview in Studio style, the hero in Single style.
+  std::optional<QvnColor> tallyColor(int slot) const;
 
   // ---- Picture-in-picture ---------------------------------------------------------------
   PiPState currentPiP() const;
@@ -280,6 +291,7 @@ class CameraModel {
   Observable<bool> showAudioPanel{false};
   Observable<bool> revealNetwork{false};
   Observable<SettingsTab> settingsTab{SettingsTab::output};
+  StudioPanelDetach panelDetach;
   // Phones' pairing
   Observable<std::string> pin;
   Observable<std::string> ip;
@@ -335,6 +347,8 @@ class CameraModel {
   void captureAllStills();
   void toggleRecording();
   void flip(int slot);
+  void panelDidChange(StudioPanel value);
+  void panelSideEffects(StudioPanel panel);
 
   MainQueue& main_;
   Defaults& settings_;
@@ -352,6 +366,8 @@ class CameraModel {
   DelayedWork audioSaveWork_;
   RepeatingTimer recordTimer_;
   std::map<int, DelayedWork> pictureChecks_;
+  StudioPanel storedPanel_ = StudioPanel::inspector;
+  Subscription panelRule_;
 };
 
 }  // namespace qvn

@@ -145,7 +145,9 @@ QVN_HUB(RecAudioDevices, QvnAudioDevices,
   std::vector<QvnAudioDevice> outputs() override { return rec("outputs"), std::vector<QvnAudioDevice>{}; }
   std::string canonicalUID(const std::string& id) override { return rec("canonicalUID", id), id; })
 QVN_HUB(RecMasterInput, QvnMasterAudioInput, QVN_REC(void, stop, ()))
-QVN_HUB(RecMonitorMixer, QvnMonitorMixer, QVN_REC(void, setVolume, (double v), v))
+QVN_HUB(RecMonitorMixer, QvnMonitorMixer, QVN_REC(void, setVolume, (double v), v)
+  QVN_REC(void, kickMonitor, ()))
+QVN_HUB(RecWirelessBrowser, WirelessDisplayBrowser, QVN_REC(void, start, ()))
 QVN_HUB(RecAuxOutput, QvnAuxOutput, QVN_REC(void, setVolume, (double v), v))
 QVN_HUB(RecExternalHub, QvnExternalHub, std::set<std::string> inputDevices;
   QVN_REC(void, attach, ()) QVN_REC(void, reconcileDevices, ())
@@ -186,7 +188,7 @@ QVN_HUB(RecLifecycle, AppLifecycle,
   X(signaling, RecSignaling) X(mix, RecMix) X(frames, RecFrames) X(localCapture, RecLocalCapture) \
   X(media, RecMedia) X(screenCapture, RecScreenCapture) X(ndi, RecNDI) X(recorder, RecRecorder) X(publisher, RecPublisher) \
   X(programOutput, RecProgramOutput) X(virtualCamera, RecVirtualCamera) \
-  X(wirelessBrowser, Rec<WirelessDisplayBrowser>) X(audio, RecAudio) X(audioDevices, RecAudioDevices) \
+  X(wirelessBrowser, RecWirelessBrowser) X(audio, RecAudio) X(audioDevices, RecAudioDevices) \
   X(masterInput, RecMasterInput) X(monitorMixer, RecMonitorMixer) X(auxOutput, RecAuxOutput) \
   X(externalHub, RecExternalHub) X(meterBus, RecMeterBus) X(mediaLibrary, RecMediaLibrary) \
   X(overlays, RecOverlays) X(cloud, RecCloud) X(updater, RecUpdater) X(telemetry, RecTelemetry) \

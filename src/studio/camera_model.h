@@ -140,6 +140,8 @@ class CameraModel {
   void setProgramOutput(const std::optional<std::string>& deviceID);
   // Keys and menu items; true when the action was taken up.
   bool perform(const QvnKeyAction& action);
+  // A still of the input's newest picture, saved to the stills folder.
+  void captureStill(int slot);
 
   // ---- Window ---------------------------------------------------------------------------
   // A panel's key: opens it, or closes it back to the inspector when it is already open; a
@@ -343,7 +345,6 @@ class CameraModel {
   void loadScenes();
   bool recallSceneForKey(int functionKey);
   bool performDeckAction(QvnDeckAction action);
-  void captureStill(int slot);
   void captureAllStills();
   void toggleRecording();
   void flip(int slot);

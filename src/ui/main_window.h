@@ -1,0 +1,78 @@
+// The studio window "Quorvane Studio": the header, Preview and Program with the transport
+// column between them, the Sources strip, the panel rail, the toast and the log drawer.
+// Keys 1–9 pick an input and Ctrl with a panel's digit opens the panel, wherever the focus
+// is but a text field. The window keeps its frame between launches. Main thread.
+#pragma once
+
+#include <QMainWindow>
+#include <memory>
+#include <vector>
+
+#include "studio/observable.h"
+
+class QLabel;
+class QListWidget;
+class QPushButton;
+
+namespace qvn {
+class CameraModel;
+class Defaults;
+class FrameHub;
+class WindowFrameAutosave;
+}  // namespace qvn
+
+namespace qvn::ui {
+
+class MonitorView;
+class PanelRail;
+class SourcesStrip;
+class TransportColumn;
+
+class MainWindow : public QMainWindow {
+ public:
+  static constexpr int kDefaultWidth = 1100;
+  static constexpr int kDefaultHeight = 680;
+
+  MainWindow(CameraModel& model, FrameHub& frames, Defaults& settings);
+  ~MainWindow() override;
+
+  // Places the window as it was left (or 90 % of its screen) and shows it.
+  void open();
+
+  MonitorView& preview() { return *preview_; }
+  MonitorView& program() { return *program_; }
+  TransportColumn& transport() { return *transport_; }
+  SourcesStrip& strip() { return *strip_; }
+  PanelRail& rail() { return *rail_; }
+
+ protected:
+  void moveEvent(QMoveEvent* event) override;
+  void resizeEvent(QResizeEvent* event) override;
+
+ private:
+  class KeyFilter;
+  QWidget* makeHeader();
+  void refreshHeader();
+  void refreshMonitors();
+  void showToast(const std::optional<std::string>& text);
+  void rememberFrame();
+  bool handleKey(int key, Qt::KeyboardModifiers modifiers);
+
+  CameraModel& model_;
+  std::unique_ptr<WindowFrameAutosave> autosave_;
+  MonitorView* preview_;
+  MonitorView* program_;
+  TransportColumn* transport_;
+  SourcesStrip* strip_;
+  PanelRail* rail_;
+  QLabel* pairing_;
+  QLabel* mode_;
+  QLabel* toast_;
+  QListWidget* log_;
+  QPushButton* logButton_;
+  std::unique_ptr<KeyFilter> keys_;
+  bool opened_ = false;
+  std::vector<Subscription> subscriptions_;
+};
+
+}  // namespace qvn::ui

@@ -26,9 +26,11 @@ void PixelBufferView::enqueue(PixelBufferRef buffer) {
   {
     std::lock_guard lock(presentLock_);
     if (maxFramesPerSecond_ > 0) {
-      const double now = mediaTime();
-      if (now - lastShown_ < 1.0 / maxFramesPerSecond_) return;
-      lastShown_ = now;
+      // Due times keep the cadence: a 30/s source through a 15/s view shows every other
+      // picture even when each comes a little early. A fifth of a period is the slack.
+      const double now = mediaTime(), period = 1.0 / maxFramesPerSecond_;
+      if (now < nextDue_ - 0.2 * period) return;
+      nextDue_ = now - nextDue_ > period ? now + period : nextDue_ + period;
     }
     pending_ = std::move(buffer);  // an older, unshown picture is simply let go
     wasScheduled = std::exchange(drainScheduled_, true);

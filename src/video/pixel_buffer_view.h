@@ -22,7 +22,7 @@ class PixelBufferView : public std::enable_shared_from_this<PixelBufferView> {
 
   static std::shared_ptr<PixelBufferView> make(Present present, double maxFramesPerSecond = 0);
 
-  // Any thread. With a throttle, a picture that comes too soon after the last one shown is
+  // Any thread. With a throttle, a picture that comes before the next one is due is
   // dropped, not deferred.
   void enqueue(PixelBufferRef buffer);
 
@@ -37,7 +37,7 @@ class PixelBufferView : public std::enable_shared_from_this<PixelBufferView> {
   std::mutex presentLock_;
   PixelBufferRef pending_;
   bool drainScheduled_ = false;
-  double lastShown_ = -1e300;
+  double nextDue_ = -1e300;  // when the throttle next lets a picture through
 };
 
 }  // namespace qvn

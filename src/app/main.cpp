@@ -17,11 +17,16 @@
 #include <typeinfo>
 
 #include "audio/audio_engine.h"
+#include "cloud/account.h"
 #include "golive/rtmp_publisher.h"
 #include "phones/tcp_signaling_server.h"
 #include "platform/app.h"
+#include "platform/crypto.h"
 #include "platform/defaults.h"
 #include "platform/files.h"
+#include "platform/http.h"
+#include "platform/secure_store.h"
+#include "platform/single_instance.h"
 #include "studio/studio_shell.h"
 #include "support/qvn_log.h"
 #include "ui/main_window.h"
@@ -29,7 +34,11 @@
 #include "ui/qvn_style.h"
 #include "video/mix_engine.h"
 
+#include <unistd.h>
+
 #include <QApplication>
+#include <QDesktopServices>
+#include <QUrl>
 
 namespace {
 
@@ -40,11 +49,16 @@ struct Options {
   std::optional<double> forSeconds;
   std::optional<std::string> dataRoot;
   std::optional<std::string> publishURL;
+  // The cloud's address: the local stand-in that scripts/run starts, unless told otherwise.
+  std::string apiBase = "http://127.0.0.1:8790";
+  // A web sign-in's answer, as the browser hands it to a new studio process.
+  std::optional<std::string> launchURL;
 };
 
 constexpr std::string_view kUsage =
     "usage: quorvane-studio [--headless] [--for SECONDS] [--data-root DIR] [--phones]\n"
-    "                       [--phone-port N] [--phone-local-addr ADDRESS] [--publish URL]\n";
+    "                       [--phone-port N] [--phone-local-addr ADDRESS] [--publish URL]\n"
+    "                       [--api-base URL] [quorvanestudio:URL]\n";
 
 // An error text for the operator, or none when the options are good.
 std::optional<std::string> parse(int argc, char** argv, Options& options) {
@@ -88,6 +102,13 @@ std::optional<std::string> parse(int argc, char** argv, Options& options) {
           url->find('/', url->find("//") + 2) == std::string_view::npos)
         return "--publish needs an rtmp:// or rtmps:// address ending in the stream key";
       options.publishURL = std::string(*url);
+    } else if (arg == "--api-base") {
+      auto base = value();
+      if (!base || !qvn::isAllowedAPIBase(std::string(*base)))
+        return "--api-base needs an https:// address, or http:// to this computer";
+      options.apiBase = std::string(*base);
+    } else if (arg.starts_with(std::string(qvn::CloudAccount::kCallbackScheme) + ":")) {
+      options.launchURL = std::string(arg);
     } else if (arg == "--record") {
       return std::string(arg) + " is not part of this build yet";
     } else {
@@ -125,14 +146,48 @@ struct MainLoop {
   std::function<void()> run;
   std::function<void()> quit;
   std::function<std::shared_ptr<void>(qvn::CameraModel&, qvn::StudioHubs&, qvn::Defaults&,
-                                      std::function<void()> quit)>
+                                      qvn::CloudAccount&, std::function<void()> quit)>
       openWindow;
+  // Opens a web page in the user's browser; false when it couldn't.
+  std::function<bool(const std::string& url)> openURL;
 };
 
 bool hasDisplay() {
   for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
     if (const char* value = std::getenv(name); value && *value) return true;
   return false;
+}
+
+std::filesystem::path instanceSocket() {
+  return qvn::appPaths().stateDir / "studio.sock";
+}
+
+std::string computerName() {
+  char name[256] = {};
+  if (gethostname(name, sizeof name - 1) != 0 || !name[0]) return "Linux computer";
+  return name;
+}
+
+std::shared_ptr<qvn::CloudAccount> makeAccount(const Options& options, qvn::MainQueue& main,
+                                               qvn::Defaults& settings,
+                                               std::function<bool(const std::string&)> openURL) {
+  std::string apiBase = options.apiBase;
+  if (const char* fromEnvironment = std::getenv("QVN_API_BASE");
+      fromEnvironment && qvn::isAllowedAPIBase(fromEnvironment) && apiBase == Options{}.apiBase)
+    apiBase = fromEnvironment;
+  if (!openURL)
+    openURL = [](const std::string& url) {
+      qvn::QvnLog::line("sign-in: open " + url + " in a browser to go on");
+      return true;
+    };
+  return std::make_shared<qvn::CloudAccount>(qvn::CloudAccount::Services{
+      {main, qvn::makeHttpClient(main),
+       qvn::makeSecureStore(qvn::appPaths().dataDir / "secrets.json",
+                            [](const std::string& line) { qvn::QvnLog::line(line); }),
+       settings, apiBase, [] { return qvn::machineIdentity(); }},
+      std::move(openURL),
+      computerName(),
+      QVN_VERSION});
 }
 
 // The studio from start to quit on `main`.
@@ -146,6 +201,19 @@ int runStudio(const Options& options, qvn::MainQueue& main, const MainLoop& loop
   hubs.sleep = qvn::makeLogindSleepWatcher();
   hubs.stayAwake = qvn::makeLogindStayAwake();
   hubs.lifecycle = lifecycle;
+  auto account = makeAccount(options, main, settings, loop.openURL);
+  hubs.cloud = account;
+  // Later starts hand their sign-in answers to this studio.
+  std::string instanceError;
+  auto instance = qvn::SingleInstance::listen(
+      instanceSocket(),
+      [&main, weak = std::weak_ptr(account)](const std::string& url) {
+        main.async([weak, url] {
+          if (auto a = weak.lock()) a->handleAuthURL(url);
+        });
+      },
+      instanceError);
+  if (!instance) qvn::QvnLog::line("single instance: " + instanceError);
   qvn::StudioShell shell({main, settings, hubs, nullptr}, lifecycle);
 
   // The status list goes to standard output as it grows.
@@ -174,7 +242,7 @@ int runStudio(const Options& options, qvn::MainQueue& main, const MainLoop& loop
   std::shared_ptr<void> window;
   main.async([&] {
     shell.launch();
-    if (loop.openWindow) window = loop.openWindow(shell.model(), hubs, settings, quit);
+    if (loop.openWindow) window = loop.openWindow(shell.model(), hubs, settings, *account, quit);
   });
   // Straight to the user's own server, without the cloud: Program and the stream bus.
   std::shared_ptr<qvn::RTMPPublisher> publisher;
@@ -224,13 +292,16 @@ int main(int argc, char** argv) {
 
   qvn::setAppPaths(options.dataRoot ? qvn::AppPaths::underRoot(*options.dataRoot)
                                     : qvn::AppPaths::fromEnvironment());
+  // A sign-in answer for a studio that is already running goes to it, and this one ends.
+  if (options.launchURL && qvn::SingleInstance::sendToRunning(instanceSocket(), *options.launchURL))
+    return 0;
   if (!options.headless && !hasDisplay()) {
     qvn::QvnLog::line("no display — running headless");
     options.headless = true;
   }
   if (options.headless) {
     qvn::LoopMainQueue main;
-    return runStudio(options, main, {[&] { main.run(); }, [&] { main.quit(); }, nullptr},
+    return runStudio(options, main, {[&] { main.run(); }, [&] { main.quit(); }, nullptr, nullptr},
                      quitSignals);
   }
   QApplication app(argc, argv);
@@ -240,12 +311,15 @@ int main(int argc, char** argv) {
   return runStudio(options, main,
                    {[] { QApplication::exec(); }, [] { QApplication::quit(); },
                     [&app](qvn::CameraModel& model, qvn::StudioHubs& hubs, qvn::Defaults& settings,
-                           std::function<void()> quit) {
-                      auto window =
-                          std::make_shared<qvn::ui::MainWindow>(model, *hubs.frames, settings);
+                           qvn::CloudAccount& account, std::function<void()> quit) {
+                      auto window = std::make_shared<qvn::ui::MainWindow>(model, *hubs.frames,
+                                                                          settings, &account);
                       QObject::connect(&app, &QApplication::lastWindowClosed, window.get(), quit);
                       window->open();
                       return std::shared_ptr<void>(window);
+                    },
+                    [](const std::string& url) {
+                      return QDesktopServices::openUrl(QUrl(QString::fromStdString(url)));
                     }},
                    quitSignals);
 }

@@ -181,7 +181,8 @@ void setAppPaths(AppPaths paths) {
   if (old) retire(old);
 }
 
-std::optional<std::string> writeFileAtomically(const fs::path& file, std::string_view bytes) {
+std::optional<std::string> writeFileAtomically(const fs::path& file, std::string_view bytes,
+                                               fs::perms permissions) {
   static std::atomic<unsigned> counter{0};
   const fs::path folder = file.has_parent_path() ? file.parent_path() : fs::path(".");
   std::error_code ec;
@@ -191,7 +192,8 @@ std::optional<std::string> writeFileAtomically(const fs::path& file, std::string
   const fs::path temp =
       folder / ("." + file.filename().string() + ".tmp-" + std::to_string(::getpid()) + "-" +
                 std::to_string(counter.fetch_add(1, std::memory_order_relaxed)));
-  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
+                        static_cast<mode_t>(permissions & fs::perms::mask));
   if (fd < 0) return "could not create " + temp.string() + ": " + errorText(errno);
 
   std::optional<std::string> failure;

@@ -35,9 +35,15 @@ void setAppPaths(AppPaths paths);
 
 // Writes `bytes` to a temporary file beside `file`, flushes it to disk and renames it over
 // `file`, so a reader sees the old or the new content and never a torn one. Creates missing
-// parent folders. Returns an error text, or none on success.
-std::optional<std::string> writeFileAtomically(const std::filesystem::path& file,
-                                               std::string_view bytes);
+// parent folders. The new file is created with `permissions` (less the umask), so a file
+// meant for the user alone is never readable by others, not even while it is being written.
+// Returns an error text, or none on success.
+std::optional<std::string> writeFileAtomically(
+    const std::filesystem::path& file, std::string_view bytes,
+    std::filesystem::perms permissions = std::filesystem::perms::owner_read |
+                                         std::filesystem::perms::owner_write |
+                                         std::filesystem::perms::group_read |
+                                         std::filesystem::perms::others_read);
 
 // Reads a whole file; none when it can't be read.
 std::optional<std::string> readFile(const std::filesystem::path& file);

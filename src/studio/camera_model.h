@@ -22,7 +22,7 @@
 #include "phones/camera_caps.h"
 #include "platform/dispatch.h"
 #include "studio/key_action.h"
-#include "studio/observable.h"
+#include "support/observable.h"
 #include "studio/studio_hubs.h"
 #include "studio/studio_panel_detach.h"
 #include "studio/studio_values.h"

@@ -7,7 +7,7 @@
 #include <set>
 #include <string>
 
-#include "studio/observable.h"
+#include "support/observable.h"
 #include "studio/studio_values.h"
 
 namespace qvn {

@@ -10,15 +10,18 @@
 #include <QListWidget>
 #include <QPushButton>
 #include <QScreen>
+#include <QStackedWidget>
 #include <QTextEdit>
 #include <QVBoxLayout>
 
+#include "cloud/account.h"
 #include "studio/camera_model.h"
 #include "studio/studio_panel.h"
 #include "studio/window_frame.h"
 #include "ui/monitor_view.h"
 #include "ui/panel_rail.h"
 #include "ui/qvn_style.h"
+#include "ui/sign_in_view.h"
 #include "ui/sources_strip.h"
 #include "ui/transport_column.h"
 #include "video/frame_hub.h"
@@ -54,8 +57,10 @@ class MainWindow::KeyFilter : public QObject {
   MainWindow& window_;
 };
 
-MainWindow::MainWindow(CameraModel& model, FrameHub& frames, Defaults& settings)
+MainWindow::MainWindow(CameraModel& model, FrameHub& frames, Defaults& settings,
+                       CloudAccount* account)
     : model_(model),
+      account_(account),
       autosave_(std::make_unique<WindowFrameAutosave>(settings)),
       preview_(new MonitorView(frames, FrameHub::kPreviewSlot, "PREVIEW",
                                [this](int slot) { model_.setPreview(slot); })),
@@ -71,8 +76,6 @@ MainWindow::MainWindow(CameraModel& model, FrameHub& frames, Defaults& settings)
       logButton_(new QPushButton("Log")),
       keys_(std::make_unique<KeyFilter>(*this)) {
   setWindowTitle("Quorvane Studio");
-  setMinimumSize(int(WindowFrameAutosave::kMinWidth), int(WindowFrameAutosave::kMinHeight));
-  resize(kDefaultWidth, kDefaultHeight);  // grows to the minimum
 
   auto* monitors = new QHBoxLayout;
   monitors->setSpacing(14);
@@ -102,7 +105,17 @@ MainWindow::MainWindow(CameraModel& model, FrameHub& frames, Defaults& settings)
   layout->addWidget(makeHeader());
   layout->addLayout(body, 1);
   layout->addWidget(log_);
-  setCentralWidget(central);
+  studio_ = central;
+  root_ = new QStackedWidget;
+  root_->addWidget(studio_);
+  if (account_) {
+    signIn_ = new SignInView(*account_);
+    root_->addWidget(signIn_);
+    subscriptions_.push_back(account_->user.subscribe([this](const auto&) { refreshRoot(); }));
+  }
+  setCentralWidget(root_);
+  refreshRoot();
+  resize(kDefaultWidth, kDefaultHeight);  // grows to the root view's minimum
 
   toast_->setParent(central);
   toast_->setAlignment(Qt::AlignCenter);
@@ -156,6 +169,15 @@ QWidget* MainWindow::makeHeader() {
   layout->addSpacing(8);
   layout->addWidget(logButton_, 0, Qt::AlignVCenter);
   return header;
+}
+
+void MainWindow::refreshRoot() {
+  const bool signIn = account_ && !account_->signedIn();
+  root_->setCurrentWidget(signIn ? signIn_ : studio_);
+  if (signIn)
+    setMinimumSize(SignInView::kMinWidth, SignInView::kMinHeight);
+  else
+    setMinimumSize(int(WindowFrameAutosave::kMinWidth), int(WindowFrameAutosave::kMinHeight));
 }
 
 void MainWindow::refreshHeader() {

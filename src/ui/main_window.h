@@ -1,4 +1,5 @@
-// The studio window "Quorvane Studio": the header, Preview and Program with the transport
+// The studio window "Quorvane Studio": the sign-in screen while nobody is signed in, else the
+// studio: the header, Preview and Program with the transport
 // column between them, the Sources strip, the panel rail, the toast and the log drawer.
 // Keys 1–9 pick an input and Ctrl with a panel's digit opens the panel, wherever the focus
 // is but a text field. The window keeps its frame between launches. Main thread.
@@ -8,14 +9,17 @@
 #include <memory>
 #include <vector>
 
-#include "studio/observable.h"
+#include "support/observable.h"
 
 class QLabel;
 class QListWidget;
 class QPushButton;
 
+class QStackedWidget;
+
 namespace qvn {
 class CameraModel;
+class CloudAccount;
 class Defaults;
 class FrameHub;
 class WindowFrameAutosave;
@@ -33,7 +37,9 @@ class MainWindow : public QMainWindow {
   static constexpr int kDefaultWidth = 1100;
   static constexpr int kDefaultHeight = 680;
 
-  MainWindow(CameraModel& model, FrameHub& frames, Defaults& settings);
+  // With an account, the sign-in screen stands in for the studio while nobody is signed in.
+  MainWindow(CameraModel& model, FrameHub& frames, Defaults& settings,
+             CloudAccount* account = nullptr);
   ~MainWindow() override;
 
   // Places the window as it was left (or 90 % of its screen) and shows it.
@@ -53,13 +59,18 @@ class MainWindow : public QMainWindow {
   class KeyFilter;
   QWidget* makeHeader();
   void refreshHeader();
+  void refreshRoot();
   void refreshMonitors();
   void showToast(const std::optional<std::string>& text);
   void rememberFrame();
   bool handleKey(int key, Qt::KeyboardModifiers modifiers);
 
   CameraModel& model_;
+  CloudAccount* account_;
   std::unique_ptr<WindowFrameAutosave> autosave_;
+  QStackedWidget* root_ = nullptr;
+  QWidget* studio_ = nullptr;
+  QWidget* signIn_ = nullptr;
   MonitorView* preview_;
   MonitorView* program_;
   TransportColumn* transport_;

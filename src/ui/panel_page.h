@@ -7,8 +7,8 @@
 #include <functional>
 #include <vector>
 
-#include "studio/observable.h"
 #include "studio/studio_values.h"
+#include "support/observable.h"
 
 class QLabel;
 

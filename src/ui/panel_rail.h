@@ -9,8 +9,8 @@
 #include <memory>
 #include <vector>
 
-#include "studio/observable.h"
 #include "studio/studio_values.h"
+#include "support/observable.h"
 
 class QLabel;
 class QPushButton;

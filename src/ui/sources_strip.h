@@ -6,7 +6,7 @@
 #include <map>
 #include <vector>
 
-#include "studio/observable.h"
+#include "support/observable.h"
 
 class QHBoxLayout;
 class QLabel;

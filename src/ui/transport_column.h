@@ -6,7 +6,7 @@
 #include <QWidget>
 #include <vector>
 
-#include "studio/observable.h"
+#include "support/observable.h"
 
 class QComboBox;
 class QDoubleSpinBox;

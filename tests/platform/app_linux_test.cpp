@@ -1,5 +1,6 @@
 // The Linux platform pieces that talk to the session: which IPv4 address phones should dial,
-// and logind's sleep notices and inhibitor, against a missing bus and a private one.
+// logind's sleep notices and inhibitor, against a missing bus and a private one, and the one
+// studio per user that later starts hand their messages to.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -12,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <future>
 #include <mutex>
 #include <optional>
@@ -25,6 +27,7 @@
 #include "platform/app.h"
 #include "platform/linux/local_ipv4_choice.h"
 #include "platform/net.h"
+#include "platform/single_instance.h"
 
 namespace qvn {
 namespace {
@@ -264,6 +267,48 @@ TEST_F(PrivateSystemBus, StayAwakeHoldsOneInhibitorUntilStoppedAndReportsRefusal
   EXPECT_EQ(holds_.size(), 2u);
   awake.reset();
   EXPECT_TRUE(lastHoldReleased(10s));
+}
+
+TEST(SingleInstance, TheFirstStudioListensAndLaterStartsHandTheirMessagesToIt) {
+  char pattern[] = "/tmp/qvn-instance-XXXXXX";
+  const std::filesystem::path dir = ::mkdtemp(pattern);
+  const auto socket = dir / "studio.sock";
+  EXPECT_FALSE(SingleInstance::sendToRunning(socket, "nobody listens"));
+  {
+    // A socket left behind by a studio that died is taken over.
+    std::filesystem::create_directories(dir);
+    std::FILE* stale = std::fopen(socket.c_str(), "w");
+    std::fclose(stale);
+  }
+  std::mutex lock;
+  std::vector<std::string> heard;
+  std::string error;
+  auto first = SingleInstance::listen(
+      socket,
+      [&](const std::string& message) {
+        std::lock_guard hold(lock);
+        heard.push_back(message);
+      },
+      error);
+  ASSERT_TRUE(first) << error;
+  EXPECT_FALSE(SingleInstance::listen(socket, nullptr, error));
+  EXPECT_EQ(error, "another studio is running");
+  EXPECT_TRUE(SingleInstance::sendToRunning(socket, "quorvanestudio://auth/callback?code=1"));
+  EXPECT_TRUE(SingleInstance::sendToRunning(socket, "second"));
+  for (int i = 0; i < 200; ++i) {
+    {
+      std::lock_guard hold(lock);
+      if (heard.size() == 2) break;
+    }
+    std::this_thread::sleep_for(10ms);
+  }
+  {
+    std::lock_guard hold(lock);
+    EXPECT_THAT(heard, ElementsAre("quorvanestudio://auth/callback?code=1", "second"));
+  }
+  first.reset();
+  EXPECT_FALSE(std::filesystem::exists(socket));
+  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

@@ -1,0 +1,352 @@
+// The account against a scripted HTTP client on a virtual clock: how requests carry and
+// renew the sign-in, how it is lost, and every way a sign-in can go.
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <deque>
+#include <map>
+
+#include "cloud/account.h"
+#include "platform/base64.h"
+#include "platform/defaults.h"
+#include "platform/http.h"
+#include "platform/secure_store.h"
+
+namespace qvn::test {
+namespace {
+
+using nlohmann::json;
+using ::testing::ElementsAre;
+
+struct Sent {
+  HttpRequest request;
+  HttpClient::Completion done;
+  json body() const { return request.body.empty() ? json() : json::parse(request.body); }
+  std::string path() const { return request.url.substr(request.url.find("/v1")); }
+};
+
+// Holds every request until the test answers it.
+class ScriptedHttp final : public HttpClient {
+ public:
+  explicit ScriptedHttp(ManualMainQueue& main) : main_(main) {}
+  void send(HttpRequest request, Completion done) override {
+    sent.push_back({std::move(request), std::move(done)});
+  }
+  // Answers the oldest request to `path`, on the main queue as the real client does.
+  void reply(const std::string& path, int status, json body = json::object(),
+             std::vector<std::pair<std::string, std::string>> headers = {}) {
+    for (auto it = sent.begin(); it != sent.end(); ++it) {
+      if (it->path() != path) continue;
+      HttpResponse r{status, std::move(headers), body.dump(), ""};
+      main_.async([done = std::move(it->done), r] { done(r); });
+      sent.erase(it);
+      main_.drain();
+      return;
+    }
+    ADD_FAILURE() << "nothing sent to " << path;
+  }
+  void fail(const std::string& path) {
+    for (auto it = sent.begin(); it != sent.end(); ++it)
+      if (it->path() == path) {
+        main_.async([done = std::move(it->done)] { done({0, {}, "", "could not connect"}); });
+        sent.erase(it);
+        main_.drain();
+        return;
+      }
+  }
+  long count(const std::string& path) const {
+    return std::count_if(sent.begin(), sent.end(), [&](auto& s) { return s.path() == path; });
+  }
+  const Sent* last(const std::string& path) const {
+    for (auto it = sent.rbegin(); it != sent.rend(); ++it)
+      if (it->path() == path) return &*it;
+    return nullptr;
+  }
+  std::deque<Sent> sent;
+
+ private:
+  ManualMainQueue& main_;
+};
+
+class MemoryStore final : public SecureStore {
+ public:
+  std::optional<std::string> get(const std::string& account) override {
+    auto it = values.find(account);
+    return it == values.end() ? std::nullopt : std::optional(it->second);
+  }
+  void set(const std::string& value, const std::string& account) override {
+    if (value.empty())
+      values.erase(account);
+    else
+      values[account] = value;
+  }
+  void remove(const std::string& account) override { values.erase(account); }
+  std::map<std::string, std::string> values;
+};
+
+// A JWT whose payload holds `exp` seconds from now; the signature is never read here.
+std::string tokenExpiringIn(double seconds) {
+  const double now =
+      std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+  const std::string payload = json{{"exp", now + seconds}}.dump();
+  std::string b64 = base64Encode({payload.begin(), payload.end()});
+  for (char& c : b64) c = c == '+' ? '-' : c == '/' ? '_' : c;
+  while (!b64.empty() && b64.back() == '=') b64.pop_back();
+  return "eyJhbGciOiJIUzI1NiJ9." + b64 + ".sig";
+}
+
+class CloudAccountTest : public ::testing::Test {
+ protected:
+  CloudAccountTest() {
+    char pattern[] = "/tmp/qvn-cloud-XXXXXX";
+    dir = ::mkdtemp(pattern);
+    settings = std::make_unique<Defaults>(dir / "settings.json");
+    account = std::make_unique<CloudAccount>(CloudAccount::Services{
+        {main, http, store, *settings, "http://127.0.0.1:9", [] { return "machine-1"; }},
+        [this](const std::string& url) {
+          opened.push_back(url);
+          return true;
+        },
+        "Test Computer",
+        "1.0"});
+  }
+  ~CloudAccountTest() override {
+    account.reset();
+    settings.reset();
+    std::filesystem::remove_all(dir);
+  }
+  void signedIn(const std::string& access = "a1") {
+    store->values["access"] = access;
+    store->values["refresh"] = "r1";
+  }
+
+  std::filesystem::path dir;
+  ManualMainQueue main;
+  std::shared_ptr<ScriptedHttp> http = std::make_shared<ScriptedHttp>(main);
+  std::shared_ptr<MemoryStore> store = std::make_shared<MemoryStore>();
+  std::unique_ptr<Defaults> settings;
+  std::unique_ptr<CloudAccount> account;
+  std::vector<std::string> opened;
+};
+
+TEST(CloudWire, UsersTokensAndProofKeysReadAsTheServerWritesThem) {
+  auto u =
+      QvnCloud::parseUser(json{{"user", {{"full_name", "Ana"}, {"username", "ana"}}}}, "a@x.io");
+  EXPECT_EQ(u.name, "Ana");
+  EXPECT_EQ(u.email, "a@x.io");
+  EXPECT_EQ(u.role, "user");
+  u = QvnCloud::parseUser(json{{"username", "bo"}, {"profile_photo", "p.png"}, {"email", "b@x.io"}},
+                          "");
+  EXPECT_EQ(u.name, "bo");
+  EXPECT_EQ(u.avatarURL, "p.png");
+  EXPECT_EQ(u.email, "b@x.io");
+
+  EXPECT_NEAR(
+      *QvnCloud::jwtExpiry(tokenExpiringIn(100)),
+      std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count() +
+          100,
+      2);
+  EXPECT_EQ(QvnCloud::jwtExpiry("not-a-token"), std::nullopt);
+  EXPECT_EQ(QvnCloud::jwtExpiry("a.e30.c"), std::nullopt);  // {} has no exp
+
+  // The example pair of the proof-key standard.
+  EXPECT_EQ(QvnCloud::challenge("dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXk"),
+            "E9Melhoa2OwvFrEMTJguCHaoeK1t8URWbuGJSstw-cM");
+  EXPECT_EQ(QvnCloud::randomVerifier().size(), 43u);
+
+  const auto e = CloudTransport::errorOf(429, json{{"error", "rate_limited"}}, " 10 ");
+  EXPECT_EQ(e.retryAfter, 10);
+  EXPECT_EQ(e.text, "rate_limited");
+  EXPECT_EQ(CloudTransport::errorOf(500, json::object(), "soon").text, "Request failed (500)");
+  EXPECT_EQ(*authMessage(CloudTransport::errorOf(429, {}, "10")).retrySeconds, 30);
+  EXPECT_EQ(*authMessage(CloudTransport::errorOf(429, {}, "1000")).retrySeconds, 300);
+  EXPECT_EQ(acceptedEmail(" Name@Example.COM \n"), "name@example.com");
+  EXPECT_EQ(acceptedEmail("a@b"), std::nullopt);
+  EXPECT_EQ(sixDigits("12 34 56"), "123456");
+  EXPECT_EQ(sixDigits("12345"), std::nullopt);
+}
+
+TEST_F(CloudAccountTest, FiveRequestsMeetingA401ShareOneRefreshAndEachRetriesOnce) {
+  signedIn();
+  std::vector<int> statuses;
+  for (int i = 0; i < 5; ++i)
+    account->transport().request("GET", "/v1/destinations", std::nullopt, true,
+                                 [&](CloudResult r) { statuses.push_back(r.status); });
+  for (int i = 0; i < 5; ++i) http->reply("/v1/destinations", 401);
+  EXPECT_EQ(http->count("/v1/auth/refresh"), 1);
+  EXPECT_EQ(http->last("/v1/auth/refresh")->body()["refresh_token"], "r1");
+  http->reply("/v1/auth/refresh", 200, {{"access_token", "a2"}});  // no new refresh token
+  EXPECT_EQ(store->values["refresh"], "r1");
+  EXPECT_EQ(http->count("/v1/destinations"), 5);
+  EXPECT_THAT(
+      http->last("/v1/destinations")->request.headers,
+      ::testing::Contains(std::pair<std::string, std::string>("Authorization", "Bearer a2")));
+  // The retries meet a 401 again: that goes to the callers, with no second refresh.
+  for (int i = 0; i < 5; ++i) http->reply("/v1/destinations", 401);
+  EXPECT_EQ(http->count("/v1/auth/refresh"), 0);
+  EXPECT_THAT(statuses, ElementsAre(401, 401, 401, 401, 401));
+}
+
+TEST_F(CloudAccountTest, ARevokedRefreshSignsOutButAnUnreachableServerKeepsTheTokens) {
+  signedIn();
+  account->user = QvnCloud::User{"a@x.io"};
+  account->transport().request("GET", "/v1/auth/me", std::nullopt, true, [](CloudResult) {});
+  http->reply("/v1/auth/me", 401);
+  http->fail("/v1/auth/refresh");
+  EXPECT_TRUE(account->authStatusUnavailable());
+  EXPECT_EQ(store->values.count("access"), 1u);
+
+  account->transport().request("GET", "/v1/auth/me", std::nullopt, true, [](CloudResult) {});
+  http->reply("/v1/auth/me", 401);
+  http->reply("/v1/auth/refresh", 401, {{"error", "invalid_refresh_token"}});
+  http->reply("/v1/auth/logout", 204);
+  EXPECT_EQ(store->values.count("access"), 0u);
+  EXPECT_EQ(store->values.count("refresh"), 0u);
+  EXPECT_FALSE(account->user());
+  EXPECT_FALSE(account->signedIn());
+}
+
+TEST_F(CloudAccountTest, ATokenNearItsEndIsRefreshedAheadAndEmptyTokensAreRemoved) {
+  signedIn(tokenExpiringIn(60));
+  account->transport().scheduleProactiveRefresh();
+  main.advance(0.9);
+  EXPECT_EQ(http->count("/v1/auth/refresh"), 0);
+  main.advance(0.2);
+  EXPECT_EQ(http->count("/v1/auth/refresh"), 1);
+  http->reply("/v1/auth/refresh", 200, {{"access_token", ""}, {"refresh_token", "r2"}});
+  EXPECT_EQ(store->values.count("access"), 0u);
+  EXPECT_EQ(store->values["refresh"], "r2");
+}
+
+TEST_F(CloudAccountTest, StartingOfflineWithTokensKeepsTheLastUserAndRetriesWithBackOff) {
+  settings->set("qvn.cloud.lastUser", json{{"email", "a@x.io"}, {"display_name", "Ana"}}.dump());
+  signedIn(tokenExpiringIn(3600));
+  account->restore();
+  EXPECT_EQ(store->values["device"].size(), 64u);
+  EXPECT_EQ(account->user()->name, "Ana");
+  http->fail("/v1/auth/me");
+  EXPECT_TRUE(account->authStatusUnavailable());
+  EXPECT_TRUE(account->signedIn());  // the studio, not the sign-in screen
+  for (double step : {5.0, 10.0, 20.0}) {
+    main.advance(step - 0.1);
+    EXPECT_EQ(http->count("/v1/auth/me"), 0) << step;
+    main.advance(0.1);
+    ASSERT_EQ(http->count("/v1/auth/me"), 1) << step;
+    http->fail("/v1/auth/me");
+  }
+  main.advance(40);
+  http->reply("/v1/auth/me", 200, {{"user", {{"email", "a@x.io"}, {"display_name", "Ana B"}}}});
+  EXPECT_FALSE(account->authStatusUnavailable());
+  EXPECT_EQ(account->user()->name, "Ana B");
+}
+
+TEST_F(CloudAccountTest, SignInByCodeNormalisesTheAddressAndTakesTheCodeAsSixDigits) {
+  account->typedEmail = "a@b";
+  account->startMagic(QvnMagicIntent::signIn);
+  EXPECT_EQ(account->error(), "Enter a full email address, like you@example.com.");
+  EXPECT_TRUE(http->sent.empty());
+
+  account->typedEmail = " Name@Example.COM ";
+  account->startMagic(QvnMagicIntent::signIn);
+  const json start = http->last("/v1/auth/magic/start")->body();
+  EXPECT_EQ(start["email"], "name@example.com");
+  EXPECT_EQ(start["intent"], "signin");
+  EXPECT_EQ(start["platform"], "linux");
+  http->reply("/v1/auth/magic/start", 200, {{"request_id", "q1"}, {"account", "existing"}});
+  EXPECT_EQ(account->magicPhase(), QvnMagicPhase::waiting);
+  EXPECT_EQ(account->resendSeconds(), 30);
+
+  account->oneTimeCode = "12345";
+  account->submitMagicCode();
+  EXPECT_EQ(account->error(), "Enter the 6-digit code from the email.");
+  account->oneTimeCode = "65 43 21";
+  account->submitMagicCode();
+  const json code = http->last("/v1/auth/magic/code")->body();
+  EXPECT_EQ(code["code"], "654321");
+  EXPECT_EQ(QvnCloud::challenge(code["code_verifier"]), start["code_challenge"]);
+  http->reply("/v1/auth/magic/code", 401, {{"error", "invalid_code"}});
+  EXPECT_EQ(account->oneTimeCode(), "");
+  EXPECT_EQ(account->magicPhase(), QvnMagicPhase::waiting);
+
+  // The poll goes on meanwhile: pending keeps 3 s, a rate limit stretches it to 10 s.
+  main.advance(3);
+  http->reply("/v1/auth/magic/poll", 429);
+  main.advance(9);
+  EXPECT_EQ(http->count("/v1/auth/magic/poll"), 0);
+  main.advance(1);
+  http->reply("/v1/auth/magic/poll", 202, {{"status", "pending"}});
+  main.advance(3);
+  http->reply("/v1/auth/magic/poll", 200,
+              {{"access_token", "a1"}, {"refresh_token", "r1"}, {"user", {{"name", "N"}}}});
+  EXPECT_EQ(store->values["access"], "a1");
+  EXPECT_EQ(account->user()->email, "name@example.com");
+  EXPECT_EQ(http->count("/v1/auth/me"), 1);
+  EXPECT_EQ(account->magicPhase(), QvnMagicPhase::email);
+}
+
+TEST_F(CloudAccountTest, AnUnknownAddressCreatesAnAccountAndAnOlderServerIsAskedPlainly) {
+  account->typedEmail = "new@x.io";
+  account->startMagic(QvnMagicIntent::signIn);
+  http->reply("/v1/auth/magic/start", 404, {{"error", "no_account"}});
+  EXPECT_EQ(account->magicPhase(), QvnMagicPhase::create);
+  account->signupName = std::string(100, 'n');
+  account->startMagic(QvnMagicIntent::signUp);
+  json body = http->last("/v1/auth/magic/start")->body();
+  EXPECT_EQ(body["intent"], "signup");
+  EXPECT_EQ(body["full_name"].get<std::string>().size(), 80u);
+  http->reply(
+      "/v1/auth/magic/start", 400,
+      {{"code", "FST_ERR_VALIDATION"}, {"message", "body must NOT have additional properties"}});
+  body = http->last("/v1/auth/magic/start")->body();
+  EXPECT_FALSE(body.contains("intent") || body.contains("full_name"));
+  http->reply("/v1/auth/magic/start", 429, json::object(), {{"retry-after", "5"}});
+  EXPECT_EQ(account->authRetrySeconds(), 30);
+  account->startMagic(QvnMagicIntent::signUp);  // blocked while the count runs
+  EXPECT_EQ(http->count("/v1/auth/magic/start"), 0);
+  main.advance(30);
+  EXPECT_EQ(account->error(), std::nullopt);
+}
+
+TEST_F(CloudAccountTest, AnExpiredCodeSendsANewOneAndAnExpiredPollGoesBackToTheAddress) {
+  account->typedEmail = "a@x.io";
+  account->startMagic(QvnMagicIntent::signIn);
+  http->reply("/v1/auth/magic/start", 200, {{"request_id", "q1"}});
+  account->oneTimeCode = "111111";
+  account->submitMagicCode();
+  http->reply("/v1/auth/magic/code", 410);
+  EXPECT_EQ(http->count("/v1/auth/magic/start"), 1);
+  http->reply("/v1/auth/magic/start", 200, {{"request_id", "q2"}});
+  EXPECT_EQ(account->error(), "That code had expired, so we've sent a new one.");
+  main.advance(3);
+  EXPECT_EQ(http->last("/v1/auth/magic/poll")->body()["request_id"], "q2");
+  http->reply("/v1/auth/magic/poll", 410);
+  EXPECT_EQ(account->magicPhase(), QvnMagicPhase::email);
+  EXPECT_EQ(account->error(), "That sign-in expired. Send a new code to continue.");
+}
+
+TEST_F(CloudAccountTest, AWebSignInOpensTheBrowserAndOnlyItsOwnCallbackCompletesIt) {
+  account->startOAuth("google");
+  const std::string url = http->sent.back().request.url;
+  EXPECT_THAT(url,
+              ::testing::StartsWith("http://127.0.0.1:9/v1/auth/oauth/google/start?device_id="));
+  http->sent.back().done({302, {{"location", "https://accounts.example/"}}, "", ""});
+  http->sent.pop_back();
+  ASSERT_EQ(opened.size(), 1u);
+  EXPECT_TRUE(account->oauthBusy());
+
+  account->handleAuthURL("https://elsewhere/cb?code=x");  // not ours: ignored
+  account->handleAuthURL("quorvanestudio://auth/callback?code=c1&state=foreign");
+  EXPECT_EQ(account->error(), "That sign-in did not match this window. Start again.");
+  EXPECT_TRUE(http->sent.empty());
+
+  const std::string state = url.substr(url.find("&state=") + 7);
+  account->handleAuthURL("quorvanestudio://auth/callback?code=c1&state=" + state);
+  const json exchange = http->last("/v1/auth/oauth/exchange")->body();
+  EXPECT_EQ(exchange["code"], "c1");
+  http->reply("/v1/auth/oauth/exchange", 200, {{"access_token", "a1"}, {"refresh_token", "r1"}});
+  EXPECT_TRUE(account->user());
+  EXPECT_FALSE(account->oauthBusy());
+}
+
+}  // namespace
+}  // namespace qvn::test

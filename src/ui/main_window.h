@@ -29,6 +29,7 @@ namespace qvn::ui {
 
 class MonitorView;
 class PanelRail;
+class SignInView;
 class SourcesStrip;
 class TransportColumn;
 
@@ -50,6 +51,8 @@ class MainWindow : public QMainWindow {
   TransportColumn& transport() { return *transport_; }
   SourcesStrip& strip() { return *strip_; }
   PanelRail& rail() { return *rail_; }
+  // The sign-in screen; none without an account.
+  SignInView* signInView() { return signIn_; }
 
  protected:
   void moveEvent(QMoveEvent* event) override;
@@ -70,7 +73,7 @@ class MainWindow : public QMainWindow {
   std::unique_ptr<WindowFrameAutosave> autosave_;
   QStackedWidget* root_ = nullptr;
   QWidget* studio_ = nullptr;
-  QWidget* signIn_ = nullptr;
+  SignInView* signIn_ = nullptr;
   MonitorView* preview_;
   MonitorView* program_;
   TransportColumn* transport_;

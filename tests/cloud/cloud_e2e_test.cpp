@@ -7,17 +7,16 @@
 #include <sys/stat.h>
 
 #include <chrono>
-#include <regex>
 #include <thread>
 
 #include "cloud/account.h"
+#include "cloud/devcloud_process.h"
 #include "platform/defaults.h"
 #include "platform/files.h"
 #include "platform/http.h"
 #include "platform/secure_store.h"
 #include "platform/single_instance.h"
 #include "support/qvn_log.h"
-#include "testing/child_process.h"
 
 namespace qvn::test {
 namespace {
@@ -46,17 +45,8 @@ class CloudEndToEnd : public ::testing::Test {
   }
 
   void startCloud(std::vector<std::string> extra = {}) {
-    std::vector<std::string> argv = {QVN_DEVCLOUD, "--port", "0", "--db",
-                                     (work / "cloud.sqlite").string()};
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    cloud = std::make_unique<ChildProcess>(argv, work / "cloud.out", work / "cloud.err");
-    const std::regex listening("listening on (http://127\\.0\\.0\\.1:[0-9]+)");
-    std::smatch m;
-    for (int i = 0; i < 500 && apiBase.empty(); ++i) {
-      const std::string out = readFile(work / "cloud.out").value_or("");
-      if (std::regex_search(out, m, listening)) apiBase = m[1];
-      std::this_thread::sleep_for(10ms);
-    }
+    cloud = std::make_unique<DevCloudProcess>(work, std::move(extra));
+    apiBase = cloud->apiBase();
     ASSERT_FALSE(apiBase.empty()) << readFile(work / "cloud.err").value_or("");
   }
   CloudAccount& open() {
@@ -116,7 +106,7 @@ class CloudEndToEnd : public ::testing::Test {
   ManualMainQueue main;
   std::unique_ptr<Defaults> settings;
   std::shared_ptr<HttpClient> http;
-  std::unique_ptr<ChildProcess> cloud;
+  std::unique_ptr<DevCloudProcess> cloud;
   std::string apiBase;
   std::unique_ptr<CloudAccount> account;
   std::vector<std::string> browserQueue;

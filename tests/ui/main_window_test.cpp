@@ -20,37 +20,19 @@
 #include "ui/floating_panel.h"
 #include "ui/main_window.h"
 #include "ui/monitor_view.h"
+#include "ui/offscreen_app.h"
 #include "ui/panel_rail.h"
 #include "ui/picture_widget.h"
-#include "ui/qvn_style.h"
 #include "ui/source_card.h"
 #include "ui/sources_strip.h"
 #include "ui/t_bar.h"
 #include "ui/transport_column.h"
-
-// Qt is built without the race detector; its cross-thread event posting looks like races.
-extern "C" const char* __tsan_default_suppressions() {
-  return "race:libQt6Core.so\nrace:libQt6Gui.so\n";
-}
 
 namespace qvn::test {
 namespace {
 
 namespace fs = std::filesystem;
 using ::testing::Contains;
-
-QApplication& application() {
-  static int argc = 1;
-  static char name[] = "qvn-test-window";
-  static char* argv[] = {name, nullptr};
-  static QApplication* app = [] {
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    auto* a = new QApplication(argc, argv);
-    ui::applyStudioStyle();
-    return a;
-  }();
-  return *app;
-}
 
 // Runs Qt's loop until `done` or a generous bound (liveness only).
 template <class F>
@@ -95,7 +77,7 @@ PixelBufferRef synthetic(const QString& name, QColor tint, int width = 1920, int
 
 class StudioWindowUI : public StudioFixture {
  protected:
-  StudioWindowUI() { application(); }
+  StudioWindowUI() { offscreenApplication(); }
   ~StudioWindowUI() override { window.reset(); }
 
   // A started model with two live inputs, and the window on it.

@@ -15,35 +15,17 @@
 #include "platform/secure_store.h"
 #include "studio/recording_hubs.h"
 #include "ui/main_window.h"
-#include "ui/qvn_style.h"
+#include "ui/offscreen_app.h"
 #include "ui/sign_in_view.h"
-
-// Qt is built without the race detector; its cross-thread event posting looks like races.
-extern "C" const char* __tsan_default_suppressions() {
-  return "race:libQt6Core.so\nrace:libQt6Gui.so\n";
-}
 
 namespace qvn::test {
 namespace {
 
 using nlohmann::json;
 
-QApplication& application() {
-  static int argc = 1;
-  static char name[] = "qvn-test-sign-in-window";
-  static char* argv[] = {name, nullptr};
-  static QApplication* app = [] {
-    qputenv("QT_QPA_PLATFORM", "offscreen");
-    auto* a = new QApplication(argc, argv);
-    ui::applyStudioStyle();
-    return a;
-  }();
-  return *app;
-}
-
 class SignInWindow : public StudioFixture {
  protected:
-  SignInWindow() : cloud(root) { application(); }
+  SignInWindow() : cloud(root) { offscreenApplication(); }
   ~SignInWindow() override {
     window.reset();
     account.reset();

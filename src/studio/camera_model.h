@@ -22,10 +22,10 @@
 #include "phones/camera_caps.h"
 #include "platform/dispatch.h"
 #include "studio/key_action.h"
-#include "support/observable.h"
 #include "studio/studio_hubs.h"
 #include "studio/studio_panel_detach.h"
 #include "studio/studio_values.h"
+#include "support/observable.h"
 #include "support/qvn_palette.h"
 
 namespace qvn {

@@ -7,8 +7,8 @@
 #include <set>
 #include <string>
 
-#include "support/observable.h"
 #include "studio/studio_values.h"
+#include "support/observable.h"
 
 namespace qvn {
 

@@ -276,11 +276,10 @@ void CloudAccount::startOAuth(const std::string& provider) {
       error = *unavailable;
       return;
     }
-    if (!services_.openURL || !services_.openURL(url)) {
-      oauthBusy = false;
-      error = "The sign-in window did not open.";
-    }
-    // The browser hands the result back as a "quorvanestudio:" URL.
+    // The browser hands the result back as a "quorvanestudio:" URL, or never, if the user
+    // closes it: nothing waits here, so the button is free again for a new start.
+    oauthBusy = false;
+    if (!services_.openURL || !services_.openURL(url)) error = "The sign-in window did not open.";
   });
 }
 

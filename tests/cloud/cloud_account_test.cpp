@@ -7,6 +7,7 @@
 #include <map>
 
 #include "cloud/account.h"
+#include "cloud/stream_wire.h"
 #include "platform/base64.h"
 #include "platform/defaults.h"
 #include "platform/http.h"
@@ -164,6 +165,67 @@ TEST(CloudWire, UsersTokensAndProofKeysReadAsTheServerWritesThem) {
   EXPECT_EQ(acceptedEmail("a@b"), std::nullopt);
   EXPECT_EQ(sixDigits("12 34 56"), "123456");
   EXPECT_EQ(sixDigits("12345"), std::nullopt);
+}
+
+TEST(StreamWire, EncoderSettingsAreReadStrictlyAndNeverGuessed) {
+  using QvnCloud::parseResolution;
+  EXPECT_EQ(parseResolution("1280×720"), (std::pair{1280, 720}));
+  EXPECT_EQ(parseResolution(" 1280 * 720 "), (std::pair{1280, 720}));
+  EXPECT_EQ(parseResolution("1920 X 1080"), (std::pair{1920, 1080}));
+  EXPECT_EQ(parseResolution("1080P"), (std::pair{1920, 1080}));
+  EXPECT_EQ(parseResolution("4K"), (std::pair{3840, 2160}));
+  for (const char* bad : {"1080", "900p", "1x720", "12x34x56", "x720", ""})
+    EXPECT_EQ(parseResolution(bad), std::nullopt) << bad;
+
+  const json good = {{"resolution", "720p"},
+                     {"bitrate_kbps", 4500.0},
+                     {"fps", " 30 "},
+                     {"audio_bitrate_kbps", 128}};
+  auto parse = [](const json& j) { return QvnCloud::parseStreamConfig(&j); };
+  EXPECT_EQ(std::get<QvnCloud::StreamConfig>(parse(good)),
+            (QvnCloud::StreamConfig{1280, 720, 30, 4'500'000, 128'000}));
+  auto refused = [&](const char* key, json value) {
+    json j = good;
+    if (value.is_null())
+      j.erase(key);
+    else
+      j[key] = value;
+    return std::get<std::string>(parse(j));
+  };
+  EXPECT_EQ(std::get<std::string>(QvnCloud::parseStreamConfig(nullptr)),
+            "The web engine did not return stream_config — cannot start Go Live without a real "
+            "encoder spec.");
+  EXPECT_EQ(refused("resolution", nullptr),
+            "stream_config is missing resolution — cannot guess an encode size.");
+  EXPECT_EQ(refused("resolution", "1080"),
+            "stream_config.resolution 1080 is not a size I can parse.");
+  EXPECT_EQ(refused("bitrate_kbps", 0),
+            "stream_config is missing bitrate_kbps — cannot guess a video bitrate.");
+  for (json fps : {json(0), json(121), json(29.97)})
+    EXPECT_EQ(refused("fps", fps),
+              "stream_config is missing a usable fps — cannot guess a frame rate.");
+  EXPECT_EQ(refused("audio_bitrate_kbps", nullptr),
+            "stream_config is missing audio_bitrate_kbps — cannot guess an audio bitrate.");
+}
+
+TEST(StreamWire, DestinationsAndTheirSessionStatesTakeNamesFromWhatIsKnown) {
+  const auto list = QvnCloud::parseDestinations(
+      {{"data",
+        {{{"id", "d1"}, {"platform", "YouTube"}, {"is_enabled", true}, {"has_key", true}},
+         {{"platform", "twitch"}},
+         {{"id", "d2"}, {"platform", "x"}, {"name", "Our X"}}}}});
+  ASSERT_EQ(list.size(), 2u);
+  EXPECT_EQ(list[0].name, "YouTube");
+  EXPECT_TRUE(list[0].isEnabled && list[0].hasKey);
+  EXPECT_FALSE(list[1].isEnabled || list[1].hasKey);
+  const auto states = QvnCloud::parseSessionDestinations(
+      {{"destinations",
+        {{{"destination_id", "d2"}, {"status", "live"}}, {{"id", "d9"}, {"platform", "rtmp"}}}}},
+      list);
+  ASSERT_EQ(states.size(), 2u);
+  EXPECT_EQ(states[0].name, "Our X");
+  EXPECT_EQ(states[1].name, "Custom RTMP");
+  EXPECT_EQ(states[1].status, "unknown");
 }
 
 TEST_F(CloudAccountTest, FiveRequestsMeetingA401ShareOneRefreshAndEachRetriesOnce) {

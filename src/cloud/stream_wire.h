@@ -1,0 +1,48 @@
+// What the cloud says about where a stream goes: destinations, a session's encoder
+// settings and its per-destination states, read strictly. The encoder settings are never
+// guessed: a missing value refuses the session, in words that say which. Any thread.
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace qvn::QvnCloud {
+
+struct Destination {
+  std::string id, platform, name;
+  bool isEnabled = false;
+  bool hasKey = false;
+  std::string lastError;
+  bool operator==(const Destination&) const = default;
+};
+
+struct StreamConfig {
+  int width = 0, height = 0, fps = 0;
+  int videoBitrate = 0, audioBitrate = 0;  // bits per second
+  bool operator==(const StreamConfig&) const = default;
+};
+
+struct SessionDestination {
+  std::string id, platform, name, status, errorMessage;
+  bool operator==(const SessionDestination&) const = default;
+};
+
+// "YouTube", "Custom RTMP", … and "Destination" for a platform it doesn't know.
+std::string platformName(const std::string& platform);
+// The list under "destinations", else under "data"; entries without an id are skipped.
+std::vector<Destination> parseDestinations(const nlohmann::json& reply);
+// Each entry named by its destination's id, else its own; a name from `known` when it has
+// none.
+std::vector<SessionDestination> parseSessionDestinations(const nlohmann::json& reply,
+                                                         const std::vector<Destination>& known);
+// A whole number from an integer, a whole double, or a string that trims to one.
+std::optional<long long> intValue(const nlohmann::json& value);
+// "1080p", "4k", "1280×720", "1280 * 720"; none for anything else.
+std::optional<std::pair<int, int>> parseResolution(const std::string& text);
+// The settings, or the reason they can't be used.
+std::variant<StreamConfig, std::string> parseStreamConfig(const nlohmann::json* config);
+
+}  // namespace qvn::QvnCloud

@@ -56,7 +56,11 @@ void CloudAccount::restore() {
     MainQueue& main = transport_.main();
     pathMonitor_ = std::make_unique<PathMonitor>([this, &main, alive = alive_](bool up) {
       main.async([this, alive, up] {
-        if (*alive) online = up;
+        if (!*alive) return;
+        const bool cameBack = up && !online();
+        online = up;
+        // Deletes that waited for the network go now.
+        if (cameBack) flushPendingDeletes();
       });
     });
     online = PathMonitor::hasDefaultRouteNow();
@@ -85,7 +89,9 @@ void CloudAccount::loadMe() {
     user = QvnCloud::parseUser(r.json, email_);
     rememberUser();
     clearAuthUnavailable();
+    loadDestinations();
     logEvent("app_open");
+    flushPendingDeletes();
   });
 }
 
@@ -127,6 +133,7 @@ void CloudAccount::clearCredentials() {
   transport_.clearTokens();
   services_.transport.settings.remove(kLastUserKey);
   user = std::nullopt;
+  destinations = std::vector<QvnCloud::Destination>{};
 }
 
 void CloudAccount::logout() {

@@ -12,6 +12,7 @@
 #include "cloud/cloud_account.h"
 #include "cloud/cloud_transport.h"
 #include "cloud/cloud_wire.h"
+#include "cloud/stream_wire.h"
 #include "platform/dispatch.h"
 #include "support/observable.h"
 
@@ -57,6 +58,7 @@ class CloudAccount final : public QvnCloudAccount {
   Observable<int> authRetrySeconds{0};
   Observable<bool> magicBusy{false};
   Observable<bool> oauthBusy{false};
+  Observable<std::vector<QvnCloud::Destination>> destinations;
 
   // The address last accepted, lower case.
   const std::string& email() const { return email_; }
@@ -73,6 +75,16 @@ class CloudAccount final : public QvnCloudAccount {
   void handleAuthURL(const std::string& url);
   void consumeLaunchURLIfNeeded();
   void logout();
+
+  // ---- Destinations and sessions
+  void loadDestinations();
+  // At once here, then on the server; put back with a line in `error` if it refuses.
+  void toggle(const std::string& destinationID, bool enabled);
+  // Deleted now, or queued in "qvn.pendingSessionDeletes" for a later start when it can't
+  // be, so no session stays open on the server.
+  void deleteLiveSession(const std::string& id);
+  // The queued deletes, in order, until one fails.
+  void flushPendingDeletes();
 
   // ---- Account
   void loadMe();
@@ -99,6 +111,9 @@ class CloudAccount final : public QvnCloudAccount {
   void clearCredentials();
   void rememberUser();
   nlohmann::json deviceFields();
+  std::vector<std::string> pendingDeletes();
+  void setPendingDeletes(const std::vector<std::string>& ids);
+  void flushFrom(std::vector<std::string> ids);
 
   Services services_;
   CloudTransport transport_;

@@ -114,6 +114,14 @@ AuthMessage authMessage(const CloudError& error) {
   return {"Something went wrong signing in. Try again, or use Continue with Google.", {}};
 }
 
+std::string goLiveMessage(const CloudError& error) {
+  if (!error.fromAPI())
+    return "Studio can't reach Quorvane. Check your internet connection, then try again.";
+  if (error.code == 429) return "Too many Go Live attempts. Wait a minute, then try again.";
+  return "Quorvane couldn't start the session (" + std::to_string(error.code) +
+         "). Try again in a moment.";
+}
+
 std::optional<std::string> acceptedEmail(const std::string& typed) {
   const auto first = typed.find_first_not_of(" \t\r\n");
   if (first == std::string::npos) return std::nullopt;

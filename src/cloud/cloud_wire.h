@@ -42,6 +42,8 @@ struct AuthMessage {
   std::optional<int> retrySeconds;
 };
 AuthMessage authMessage(const CloudError& error);
+// Go Live's words for an error.
+std::string goLiveMessage(const CloudError& error);
 // A trimmed, lower-case address when it looks like a full one.
 std::optional<std::string> acceptedEmail(const std::string& typed);
 // The six digits of a typed code, whatever spaces or dashes came with them.

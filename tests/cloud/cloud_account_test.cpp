@@ -386,6 +386,46 @@ TEST_F(CloudAccountTest, AnExpiredCodeSendsANewOneAndAnExpiredPollGoesBackToTheA
   EXPECT_EQ(account->error(), "That sign-in expired. Send a new code to continue.");
 }
 
+TEST_F(CloudAccountTest, ASessionDeleteOutlivesALostTokenOrNetworkAndAPassStopsAtAFailure) {
+  auto queued = [&] {
+    std::vector<std::string> ids;
+    for (const auto& v : settings->list("qvn.pendingSessionDeletes").value_or(SettingsList{}))
+      ids.push_back(*v.asText());
+    return ids;
+  };
+  account->deleteLiveSession("s1");  // no token yet
+  EXPECT_TRUE(http->sent.empty());
+  signedIn();
+  account->deleteLiveSession("s2");
+  http->fail("/v1/streams/sessions/s2");  // the network is down
+  account->deleteLiveSession("s3");
+  http->reply("/v1/streams/sessions/s3", 404);  // gone already: nothing to retry
+  account->deleteLiveSession("s1");
+  http->reply("/v1/streams/sessions/s1", 500);
+  EXPECT_THAT(queued(), ElementsAre("s1", "s2"));
+
+  account->flushPendingDeletes();
+  http->reply("/v1/streams/sessions/s1", 204);
+  http->reply("/v1/streams/sessions/s2", 503);
+  EXPECT_THAT(queued(), ElementsAre("s2"));
+  EXPECT_TRUE(http->sent.empty());
+}
+
+TEST_F(CloudAccountTest, ADestinationTurnsAtOnceAndBackWhenTheServerRefuses) {
+  signedIn();
+  account->loadDestinations();
+  http->reply("/v1/destinations", 200,
+              {{"destinations", {{{"id", "d1"}, {"platform", "youtube"}, {"has_key", true}}}}});
+  account->toggle("d1", true);
+  EXPECT_TRUE(account->destinations()[0].isEnabled);
+  EXPECT_EQ(http->last("/v1/destinations/d1")->body()["is_enabled"], true);
+  http->reply("/v1/destinations/d1", 503);
+  EXPECT_FALSE(account->destinations()[0].isEnabled);
+  EXPECT_EQ(account->error(),
+            "YouTube could not be turned on: Quorvane couldn't start the session (503). Try "
+            "again in a moment.");
+}
+
 TEST_F(CloudAccountTest, AWebSignInOpensTheBrowserAndOnlyItsOwnCallbackCompletesIt) {
   account->startOAuth("google");
   const std::string url = http->sent.back().request.url;

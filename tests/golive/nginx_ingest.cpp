@@ -135,6 +135,17 @@ void NginxIngest::start() {
 void NginxIngest::stop() {
   if (nginx_) nginx_->stop(SIGKILL, kStopSeconds);
   nginx_.reset();
+  // The workers of a killed master leave on their own, a moment later on a loaded machine;
+  // until they have, one of them still accepts, and a new start would seem to listen.
+  const auto deadline = Clock::now() + std::chrono::duration<double>(kStopSeconds);
+  for (std::uint16_t port : {rtmpPort_, tlsPort_, untrustedPort_}) {
+    while (port != 0 && accepts(port)) {
+      if (Clock::now() >= deadline)
+        throw std::runtime_error("nginx's workers still accept on 127.0.0.1:" +
+                                 std::to_string(port) + " after it was killed");
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  }
 }
 
 NginxIngest::~NginxIngest() {

@@ -50,12 +50,6 @@ PictureWidget::~PictureWidget() {
   mailbox_->target = nullptr;
 }
 
-void PictureWidget::setSlot(int slot) {
-  if (slot == feed_->slot()) return;
-  forget();
-  feed_->setSlot(slot);
-}
-
 void PictureWidget::forget() {
   mailbox_->take();
   shown_.reset();

@@ -25,7 +25,6 @@ class PictureWidget : public QWidget {
   PictureWidget(FrameHub& hub, int slot, double maxFramesPerSecond, QWidget* parent = nullptr);
   ~PictureWidget() override;
 
-  void setSlot(int slot);
   // Showing nothing until the next picture comes, as for a slot whose source went.
   void forget();
   std::uint64_t picturesDrawn() const { return drawn_; }

@@ -25,7 +25,6 @@ class TransportColumn : public QWidget {
   explicit TransportColumn(CameraModel& model, QWidget* parent = nullptr);
 
   TBar& tBar() { return *tBar_; }
-  QPushButton& takeButton() { return *take_; }
 
  private:
   void refresh();

@@ -159,7 +159,7 @@ std::variant<StreamConfig, std::string> parseStreamConfig(const nlohmann::json* 
   if (!config || !config->is_object())
     return std::string(
         "The web engine did not return stream_config — cannot start Go Live "
-        "without a real encoder spec.");
+        "without real encoder settings.");
   const nlohmann::json& c = *config;
   if (!c.contains("resolution"))
     return std::string("stream_config is missing resolution — cannot guess an encode size.");

@@ -193,8 +193,8 @@ TEST(StreamWire, EncoderSettingsAreReadStrictlyAndNeverGuessed) {
     return std::get<std::string>(parse(j));
   };
   EXPECT_EQ(std::get<std::string>(QvnCloud::parseStreamConfig(nullptr)),
-            "The web engine did not return stream_config — cannot start Go Live without a real "
-            "encoder spec.");
+            "The web engine did not return stream_config — cannot start Go Live without real "
+            "encoder settings.");
   EXPECT_EQ(refused("resolution", nullptr),
             "stream_config is missing resolution — cannot guess an encode size.");
   EXPECT_EQ(refused("resolution", "1080"),

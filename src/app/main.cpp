@@ -170,7 +170,8 @@ std::string computerName() {
 
 std::shared_ptr<qvn::CloudAccount> makeAccount(const Options& options, qvn::MainQueue& main,
                                                qvn::Defaults& settings,
-                                               std::function<bool(const std::string&)> openURL) {
+                                               std::function<bool(const std::string&)> openURL,
+                                               std::shared_ptr<qvn::GoLivePublisher> publisher) {
   std::string apiBase = options.apiBase;
   if (const char* fromEnvironment = std::getenv("QVN_API_BASE");
       fromEnvironment && qvn::isAllowedAPIBase(fromEnvironment) && apiBase == Options{}.apiBase)
@@ -187,7 +188,9 @@ std::shared_ptr<qvn::CloudAccount> makeAccount(const Options& options, qvn::Main
        settings, apiBase, [] { return qvn::machineIdentity(); }},
       std::move(openURL),
       computerName(),
-      QVN_VERSION});
+      QVN_VERSION,
+      [publisher] { publisher->stop(); },
+      [publisher] { return publisher->networkDrops(); }});
 }
 
 // The studio from start to quit on `main`.
@@ -201,7 +204,13 @@ int runStudio(const Options& options, qvn::MainQueue& main, const MainLoop& loop
   hubs.sleep = qvn::makeLogindSleepWatcher();
   hubs.stayAwake = qvn::makeLogindStayAwake();
   hubs.lifecycle = lifecycle;
-  auto account = makeAccount(options, main, settings, loop.openURL);
+  // Program and the stream bus as one RTMP stream, for Go Live and for --publish.
+  auto publisher = qvn::RTMPPublisher::make(
+      {hubs.frames, std::dynamic_pointer_cast<qvn::AudioEngine>(hubs.audio), [] {
+         return std::pair{qvn::MixEngine::canvasWidth(), qvn::MixEngine::canvasHeight()};
+       }});
+  hubs.publisher = publisher;
+  auto account = makeAccount(options, main, settings, loop.openURL, publisher);
   hubs.cloud = account;
   // Later starts hand their sign-in answers to this studio.
   std::string instanceError;
@@ -245,17 +254,8 @@ int runStudio(const Options& options, qvn::MainQueue& main, const MainLoop& loop
     if (loop.openWindow) window = loop.openWindow(shell.model(), hubs, settings, *account, quit);
   });
   // Straight to the user's own server, without the cloud: Program and the stream bus.
-  std::shared_ptr<qvn::RTMPPublisher> publisher;
   if (options.publishURL)
     main.async([&] {
-      publisher = qvn::RTMPPublisher::make(
-          {hubs.frames, std::dynamic_pointer_cast<qvn::AudioEngine>(hubs.audio), [] {
-             return std::pair{qvn::MixEngine::canvasWidth(), qvn::MixEngine::canvasHeight()};
-           }});
-      publisher->onStatus = [](const std::string& text) { qvn::QvnLog::line("publish: " + text); };
-      publisher->onFatal = [](const std::string& why) {
-        qvn::QvnLog::line("publish failed: " + why);
-      };
       const std::string& url = *options.publishURL;
       const size_t cut = url.rfind('/');
       qvn::StreamConfig config;
@@ -266,7 +266,7 @@ int runStudio(const Options& options, qvn::MainQueue& main, const MainLoop& loop
     });
   loop.run();
   window.reset();
-  if (publisher) publisher->stop();
+  publisher->stop();
   qvn::QvnLog::flush();
   return 0;
 }

@@ -28,10 +28,15 @@ nlohmann::json userJson(const QvnCloud::User& u) {
 }  // namespace
 
 CloudAccount::CloudAccount(Services services)
-    : services_(std::move(services)), transport_(services_.transport) {
+    : services_(std::move(services)),
+      transport_(services_.transport),
+      pendingDeletes_(services_.transport.settings) {
   transport_.onSessionRevoked = [this] { noteSessionRevoked(); };
   transport_.onAuthUnavailable = [this] { noteAuthUnavailable(); };
-  transport_.onRefreshed = [this] { clearAuthUnavailable(); };
+  transport_.onRefreshed = [this] {
+    clearAuthUnavailable();
+    guard_.takeToken(transport_.accessToken());
+  };
   transport_.onProactiveRefreshFailed = [this](const CloudError& e) {
     noteAuthUnavailable();
     QvnLog::line("auth proactive refresh failed: " + e.text);
@@ -125,8 +130,19 @@ void CloudAccount::noteSessionRevoked() {
   if (signingOut_) return;
   authBackoff_.cancel();
   transport_.cancelProactiveRefresh();
-  // No stream runs yet that could keep the sign-in alive to its end.
-  logout();
+  if (!isStreamRunning(livePhase())) {
+    logout();
+    return;
+  }
+  // The stream's connection doesn't depend on the tokens: it runs on, and the sign-in
+  // appears when the operator ends it.
+  statusTimer_.cancel();
+  clearCredentials();
+  signedOutWhileLive = true;
+  destinationStatusUnavailable = true;
+  authStatusUnavailable = false;
+  error = std::nullopt;
+  QvnLog::line("auth revoked while live — publisher left running");
 }
 
 void CloudAccount::clearCredentials() {
@@ -140,6 +156,12 @@ void CloudAccount::logout() {
   if (signingOut_) return;
   const bool hadToken = transport_.accessToken().has_value();
   if (!hadToken && !user()) return;
+  if (isStreamRunning(livePhase())) {
+    endLive([this, alive = alive_] {
+      if (*alive) logout();
+    });
+    return;
+  }
   signingOut_ = true;
   transport_.cancelProactiveRefresh();
   authBackoff_.cancel();

@@ -12,6 +12,8 @@
 #include "cloud/cloud_account.h"
 #include "cloud/cloud_transport.h"
 #include "cloud/cloud_wire.h"
+#include "cloud/live_session_guard.h"
+#include "cloud/pending_deletes.h"
 #include "cloud/stream_wire.h"
 #include "platform/dispatch.h"
 #include "support/observable.h"
@@ -30,6 +32,10 @@ class CloudAccount final : public QvnCloudAccount {
     std::function<bool(const std::string& url)> openURL;
     std::string deviceName;
     std::string appVersion;
+    // The publisher, as far as the account steers it: stopped when a stream ends, and its
+    // frames lost on the network, reported with each session status.
+    std::function<void()> stopPublisher = [] {};
+    std::function<long()> publisherDrops = [] { return 0L; };
   };
   static constexpr const char* kCallbackScheme = "quorvanestudio";
 
@@ -38,17 +44,14 @@ class CloudAccount final : public QvnCloudAccount {
 
   // ---- QvnCloudAccount
   void restore() override;
-  LivePhase livePhase() const override { return LivePhase::idle; }
-  bool publishing() const override { return false; }
+  bool hasAccessToken() override { return transport_.accessToken().has_value(); }
+  std::string dashboardHost() const override;
+  std::string dashboardURL() const override;
   void setPermissionMessage(std::optional<std::string>) override {}
-  void endLiveBlocking(double) override {}
 
-  // ---- Observable state
+  // ---- Observable state (the live session's is the base's)
   Observable<std::optional<QvnCloud::User>> user;
-  Observable<std::optional<std::string>> error;
-  Observable<bool> online{false};
   Observable<bool> authStatusUnavailable{false};
-  Observable<bool> signedOutWhileLive{false};
   Observable<QvnMagicPhase> magicPhase{QvnMagicPhase::email};
   Observable<std::optional<QvnMagicAccount>> magicAccount;
   Observable<std::string> typedEmail;  // the address field as typed
@@ -58,7 +61,6 @@ class CloudAccount final : public QvnCloudAccount {
   Observable<int> authRetrySeconds{0};
   Observable<bool> magicBusy{false};
   Observable<bool> oauthBusy{false};
-  Observable<std::vector<QvnCloud::Destination>> destinations;
 
   // The address last accepted, lower case.
   const std::string& email() const { return email_; }
@@ -77,14 +79,25 @@ class CloudAccount final : public QvnCloudAccount {
   void logout();
 
   // ---- Destinations and sessions
-  void loadDestinations();
+  void loadDestinations() override;
   // At once here, then on the server; put back with a line in `error` if it refuses.
-  void toggle(const std::string& destinationID, bool enabled);
+  void toggle(const std::string& destinationID, bool enabled) override;
+  void startLive(std::function<void(std::optional<QvnCloud::Session>)> done) override;
+  void markLive() override;
+  void noteReconnecting() override;
+  void failLive(const std::string& message) override;
+  void endLive(std::function<void()> done) override;
+  void refreshSessionStatus();
+  void loadEmbedLink() override;
+  void createEmbedLink() override;
+  void endLiveBlocking(double timeoutSeconds) override;
   // Deleted now, or queued in "qvn.pendingSessionDeletes" for a later start when it can't
-  // be, so no session stays open on the server.
-  void deleteLiveSession(const std::string& id);
+  // be, so no session stays open on the server. `then` runs once the attempt is over.
+  void deleteLiveSession(const std::string& id, std::function<void()> then = {});
   // The queued deletes, in order, until one fails.
   void flushPendingDeletes();
+  const std::optional<QvnCloud::Session>& liveSession() const { return liveSession_; }
+  int statusBackoffStep() const { return statusBackoffStep_; }
 
   // ---- Account
   void loadMe();
@@ -111,9 +124,12 @@ class CloudAccount final : public QvnCloudAccount {
   void clearCredentials();
   void rememberUser();
   nlohmann::json deviceFields();
-  std::vector<std::string> pendingDeletes();
-  void setPendingDeletes(const std::vector<std::string>& ids);
   void flushFrom(std::vector<std::string> ids);
+  std::optional<QvnCloud::Session> openSession(const nlohmann::json& reply);
+  void setLivePhase(LivePhase phase);
+  void startStatusTimer(double seconds);
+  void tickClock();
+  void embedReplied(const CloudResult& result);
 
   Services services_;
   CloudTransport transport_;
@@ -128,6 +144,13 @@ class CloudAccount final : public QvnCloudAccount {
   int authBackoffStep_ = 0;
   bool signingOut_ = false;
   std::unique_ptr<class PathMonitor> pathMonitor_;
+  PendingSessionDeletes pendingDeletes_;
+  QvnLiveSessionGuard guard_;
+  std::optional<QvnCloud::Session> liveSession_;
+  std::optional<double> liveStarted_;  // on the main queue's clock
+  RepeatingTimer clockTimer_, statusTimer_;
+  int statusBackoffStep_ = 0;
+  bool endingLive_ = false;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

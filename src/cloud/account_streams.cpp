@@ -3,14 +3,9 @@
 #include <algorithm>
 
 #include "cloud/account.h"
-#include "platform/defaults.h"
 #include "support/qvn_log.h"
 
 namespace qvn {
-
-namespace {
-constexpr const char* kPendingDeletesKey = "qvn.pendingSessionDeletes";
-}
 
 void CloudAccount::loadDestinations() {
   transport_.request("GET", "/v1/destinations", std::nullopt, true, [this](CloudResult r) {
@@ -41,62 +36,48 @@ void CloudAccount::toggle(const std::string& destinationID, bool enabled) {
                      });
 }
 
-std::vector<std::string> CloudAccount::pendingDeletes() {
-  std::vector<std::string> ids;
-  if (auto list = services_.transport.settings.list(kPendingDeletesKey))
-    for (const auto& item : *list)
-      if (auto id = item.asText()) ids.push_back(*id);
-  return ids;
-}
-
-void CloudAccount::setPendingDeletes(const std::vector<std::string>& ids) {
-  SettingsList list;
-  for (const auto& id : ids)
-    if (std::find(list.begin(), list.end(), SettingsValue(id)) == list.end()) list.emplace_back(id);
-  services_.transport.settings.set(kPendingDeletesKey, std::move(list));
-}
-
-void CloudAccount::deleteLiveSession(const std::string& id) {
+void CloudAccount::deleteLiveSession(const std::string& id, std::function<void()> then) {
   const std::string what = "golive DELETE /v1/streams/sessions/" + id;
-  auto queue = [this, id] {
-    auto ids = pendingDeletes();
-    ids.push_back(id);
-    setPendingDeletes(ids);
-  };
+  if (!then) then = [] {};
   if (!transport_.accessToken()) {
-    queue();
+    pendingDeletes_.add(id);
     QvnLog::line(what + " queued (no token)");
+    then();
     return;
   }
   transport_.request(
       "DELETE", "/v1/streams/sessions/" + id, std::nullopt, true,
-      [this, id, what, queue](CloudResult r) {
+      [this, id, what, then](CloudResult r) {
         if (!r.error) {
-          auto ids = pendingDeletes();
-          std::erase(ids, id);
-          setPendingDeletes(ids);
+          pendingDeletes_.remove(id);
           QvnLog::line(what + " succeeded");
         } else if (transport_.accessToken() && r.error->fromAPI() && r.error->code != 401) {
-          // The server has said no for good (it may already be gone): nothing to retry.
+          // The server has said no for good (it may already be gone).
           QvnLog::line(what + " failed: " + r.error->text);
         } else {
-          // No token, a lost sign-in or no network: a later start or reconnection retries.
-          queue();
+          // No token, a lost sign-in or no network: a later start retries.
+          pendingDeletes_.add(id);
           QvnLog::line(what + " queued: " + r.error->text);
         }
+        then();
       });
 }
 
 void CloudAccount::flushPendingDeletes() {
   if (!transport_.accessToken()) return;
-  flushFrom(pendingDeletes());
+  flushFrom(pendingDeletes_.ids());
 }
 
-// One at a time, in order; the first failure ends the pass and leaves the rest queued.
+// One at a time, in order; the first failure ends the pass and leaves the rest queued. The
+// running session's own id waits for its stream to end.
 void CloudAccount::flushFrom(std::vector<std::string> ids) {
   if (ids.empty()) return;
   const std::string id = ids.front();
   ids.erase(ids.begin());
+  if (isStreamRunning(livePhase()) && liveSession_ && liveSession_->id == id) {
+    flushFrom(std::move(ids));
+    return;
+  }
   transport_.request(
       "DELETE", "/v1/streams/sessions/" + id, std::nullopt, true,
       [this, id, rest = std::move(ids)](CloudResult r) {
@@ -104,9 +85,7 @@ void CloudAccount::flushFrom(std::vector<std::string> ids) {
           QvnLog::line("golive DELETE queued session " + id + " still pending: " + r.error->text);
           return;
         }
-        auto queued = pendingDeletes();
-        std::erase(queued, id);
-        setPendingDeletes(queued);
+        pendingDeletes_.remove(id);
         QvnLog::line("golive DELETE queued session " + id + " succeeded");
         flushFrom(rest);
       });

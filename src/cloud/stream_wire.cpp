@@ -186,4 +186,42 @@ std::variant<StreamConfig, std::string> parseStreamConfig(const nlohmann::json* 
                       bitsPerSecond(*audio)};
 }
 
+std::vector<Destination> eligibleDestinations(const std::vector<Destination>& all) {
+  std::vector<Destination> out;
+  std::copy_if(all.begin(), all.end(), std::back_inserter(out),
+               [](const Destination& d) { return d.isEnabled && d.hasKey; });
+  return out;
+}
+
+std::string noDestinationMessage(const std::vector<Destination>& all,
+                                 const std::string& dashboardHost, bool forChecklist) {
+  if (all.empty()) return "Add a destination at " + dashboardHost + ", then try again.";
+  auto keyless = std::find_if(all.begin(), all.end(),
+                              [](const Destination& d) { return d.isEnabled && !d.hasKey; });
+  if (keyless != all.end())
+    return platformName(keyless->platform) + " isn't connected. Connect it at " + dashboardHost +
+           (forChecklist ? ", or turn it off." : ", then try again.");
+  return forChecklist ? "Turn on at least one destination."
+                      : "Turn on at least one destination, then try again.";
+}
+
+const nlohmann::json& sessionObject(const nlohmann::json& reply) {
+  if (reply.is_object()) {
+    auto it = reply.find("session");
+    if (it != reply.end() && it->is_object()) return *it;
+  }
+  return reply;
+}
+
+EmbedLink parseEmbedLink(const nlohmann::json& reply) {
+  EmbedLink link{EmbedLink::Kind::none};
+  if (!reply.is_object()) return link;
+  const std::string url = textOf(reply, "embed_url");
+  if (!url.starts_with("https://")) return link;
+  link.kind = EmbedLink::Kind::ready;
+  link.url = url;
+  link.playsStudio = flagOf(reply, "studio_live");
+  return link;
+}
+
 }  // namespace qvn::QvnCloud

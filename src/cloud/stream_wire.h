@@ -30,6 +30,23 @@ struct SessionDestination {
   bool operator==(const SessionDestination&) const = default;
 };
 
+// A session the cloud opened: where to publish, with which key and settings.
+struct Session {
+  std::string id, ingestUrl, streamKey;
+  StreamConfig streamConfig;
+  bool operator==(const Session&) const = default;
+};
+
+// The account's embed link, as far as it is known.
+struct EmbedLink {
+  enum class Kind { unknown, loading, none, unavailable, ready, failed };
+  Kind kind = Kind::unknown;
+  std::string url;           // ready
+  bool playsStudio = false;  // ready: the player shows what the studio sends
+  std::string message;       // failed
+  bool operator==(const EmbedLink&) const = default;
+};
+
 // "YouTube", "Custom RTMP", … and "Destination" for a platform it doesn't know.
 std::string platformName(const std::string& platform);
 // The list under "destinations", else under "data"; entries without an id are skipped.
@@ -42,6 +59,16 @@ std::vector<SessionDestination> parseSessionDestinations(const nlohmann::json& r
 std::optional<long long> intValue(const nlohmann::json& value);
 // "1080p", "4k", "1280×720", "1280 * 720"; none for anything else.
 std::optional<std::pair<int, int>> parseResolution(const std::string& text);
+// Destinations a stream can go to: switched on, with a key.
+std::vector<Destination> eligibleDestinations(const std::vector<Destination>& all);
+// Why there are no eligible destinations: none at all, the first one on without a key, or
+// none on. The checklist's words differ a little from the session's.
+std::string noDestinationMessage(const std::vector<Destination>& all,
+                                 const std::string& dashboardHost, bool forChecklist);
+// A reply's "session" object, else the reply itself.
+const nlohmann::json& sessionObject(const nlohmann::json& reply);
+// Ready for an "embed_url" that begins "https://", else none.
+EmbedLink parseEmbedLink(const nlohmann::json& reply);
 // The settings, or the reason they can't be used.
 std::variant<StreamConfig, std::string> parseStreamConfig(const nlohmann::json* config);
 

@@ -6,6 +6,7 @@
 
 #include "audio/audio_engine.h"
 #include "golive/flv_messages.h"
+#include "golive/go_live_format.h"
 #include "platform/pixel_convert.h"
 #include "support/qvn_log.h"
 #include "video/frame_hub.h"
@@ -38,31 +39,19 @@ std::uint32_t RTMPPublisher::audioMilliseconds(std::int64_t startFrame, std::int
   return milliseconds(double(startFrame - originFrame) / kAudioRate - videoZero);
 }
 
-std::pair<int, int> RTMPPublisher::outputSize(const StreamConfig& config,
-                                              std::pair<int, int> canvas,
-                                              std::optional<std::pair<int, int>> chosen) {
-  int width = std::min(config.width, canvas.first);
-  int height = std::min(config.height, canvas.second);
-  if (chosen) {
-    width = std::min(width, chosen->first);
-    height = std::min(height, chosen->second);
-  }
-  return {width - width % 2, height - height % 2};
-}
-
 std::int64_t RTMPPublisher::bitrateFor(std::int64_t bitrate, int height, bool chosen) {
   constexpr std::int64_t k720Ceiling = 4'000'000;
   return chosen && height <= 720 ? std::min(bitrate, k720Ceiling) : bitrate;
 }
 
-namespace {
-std::mutex preferredLock;
-std::optional<std::pair<int, int>> preferredSize;
-}  // namespace
-
 void RTMPPublisher::setPreferredSize(std::optional<std::pair<int, int>> size) {
-  std::lock_guard hold(preferredLock);
-  preferredSize = size;
+  std::lock_guard hold(preferredLock_);
+  preferredSize_ = size;
+}
+
+long RTMPPublisher::networkDrops() const {
+  auto sample = latestSample();
+  return sample ? sample->networkDrops : 0;
 }
 
 std::optional<QvnPublishSample> RTMPPublisher::latestSample() const {
@@ -131,10 +120,10 @@ bool RTMPPublisher::startOnQueue(const std::string& url, const std::string& key,
   const auto canvas = sources_.canvasSize ? sources_.canvasSize() : std::pair{1920, 1080};
   std::optional<std::pair<int, int>> chosen;
   {
-    std::lock_guard hold(preferredLock);
-    chosen = preferredSize;
+    std::lock_guard hold(preferredLock_);
+    chosen = preferredSize_;
   }
-  const auto [width, height] = outputSize(config, canvas, chosen);
+  const auto [width, height] = GoLiveFormat::outputSize(config, canvas, chosen);
   const int fps = std::min(config.fps, 30);
   const std::int64_t bitrate = bitrateFor(config.videoBitrate, height, chosen.has_value());
   if (bitrate != config.videoBitrate)

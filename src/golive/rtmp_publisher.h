@@ -48,24 +48,18 @@ class RTMPPublisher final : public GoLivePublisher,
   static std::shared_ptr<RTMPPublisher> make(Sources sources);
   ~RTMPPublisher() override;
 
-  std::function<void(const std::string&)> onStatus;
-  std::function<void(const std::string&)> onFatal;
-  std::function<void()> onPublished;
-  std::function<void()> onReconnecting;
-
-  // True when the encoders run and the first socket is opening; the result comes by callback.
   // Any thread; waits for the queue.
   bool start(const std::string& ingestURL, const std::string& streamKey, int slot,
-             const StreamConfig& config);
-  void stop();
+             const StreamConfig& config) override;
+  void stop() override;
   void setLiveBitrate(std::int64_t bitsPerSecond);
   void setProgramSlot(int) override {}
 
   // The last second's sample; none before the first one or after `stop`. Any thread.
   std::optional<QvnPublishSample> latestSample() const;
-  // The size the operator chose for the stream, or none to send the canvas as it is. Any
-  // thread; read by the next `start`.
-  static void setPreferredSize(std::optional<std::pair<int, int>> size);
+  // Any thread.
+  void setPreferredSize(std::optional<std::pair<int, int>> size) override;
+  long networkDrops() const override;
 
   // Milliseconds on the stream's timeline; negative times become 0, halves round away.
   static std::uint32_t videoMilliseconds(double pts, double videoZero);
@@ -80,9 +74,6 @@ class RTMPPublisher final : public GoLivePublisher,
   };
   static VideoGate videoGate(std::optional<std::uint32_t> lastMs, std::uint32_t ms, bool keyframe,
                              bool waitingForKeyframe, bool backlogged);
-  // The encoded size: the config's, within the canvas and the chosen size, each side made even.
-  static std::pair<int, int> outputSize(const StreamConfig& config, std::pair<int, int> canvas,
-                                        std::optional<std::pair<int, int>> chosen);
   // A chosen size of 720 lines or fewer streams at 4 Mb/s at most; the canvas as it is keeps
   // what it was given.
   static std::int64_t bitrateFor(std::int64_t bitrate, int height, bool chosen);
@@ -144,6 +135,8 @@ class RTMPPublisher final : public GoLivePublisher,
   QvnPixelBufferPool i420Pool_{PixelFormat::i420, 2};
 
   RepeatingTimer healthTimer_;
+  std::mutex preferredLock_;
+  std::optional<std::pair<int, int>> preferredSize_;
   mutable std::mutex sampleLock_;
   std::optional<QvnPublishSample> latestSample_;
 

@@ -53,6 +53,7 @@ CameraModel::CameraModel(StudioContext context)
   hubs_.signaling->setPin(pin());
   hubs_.signaling->setAcceptNewDevices(acceptNew());
   wireHubs();
+  wirePublisher();
   panelRule_ = panel.subscribe([this](StudioPanel value) { panelDidChange(value); });
   // Views that observe only the model still refresh when the account changes.
   hubs_.cloud->onChange = hop([](CameraModel& m) { m.changed.emit(); });
@@ -269,19 +270,13 @@ void CameraModel::start() {
 
 std::optional<std::string> CameraModel::relaunchBlocker() const {
   if (recording()) return "Stop recording first, then press Reopen Studio.";
-  if (hubs_.cloud->publishing()) return "End Go Live first, then press Reopen Studio.";
+  if (isStreamRunning(hubs_.cloud->livePhase()))
+    return "End Go Live first, then press Reopen Studio.";
   return std::nullopt;
 }
 
 std::optional<std::string> CameraModel::updateBlocker() const {
-  switch (hubs_.cloud->livePhase()) {
-    case LivePhase::connecting:
-    case LivePhase::live:
-    case LivePhase::stopping:
-      return "The update installs after Go Live ends.";
-    default:
-      break;
-  }
+  if (isStreamRunning(hubs_.cloud->livePhase())) return "The update installs after Go Live ends.";
   if (recording()) return "The update installs after the recording stops.";
   return std::nullopt;
 }

@@ -163,6 +163,23 @@ class CameraModel {
   bool canSwapPiP() const;
   void swapPiP();
 
+  // ---- Go Live --------------------------------------------------------------------------
+  // Opens the sheet; while no stream runs, it starts fresh and reloads the destinations.
+  void toggleGoLive();
+  // The sheet's start button: the checklist, the session, then the publisher.
+  void confirmGoLive();
+  void stopLive();
+  // The sheet's cancel while starting: the session ends and the sheet closes.
+  void cancelGoLive();
+  void resetGoLive();
+  QvnOutputInfo plannedGoLiveOutput() const;
+  // Refused while a stream runs.
+  void setStreamOutput(StreamOutputChoice choice);
+  // While live, what single destinations' failures mean for the operator; none when all run.
+  std::optional<std::string> destinationErrorLimitation() const;
+  // A check's state, and its detail unless it is empty and the check running.
+  void mark(const std::string& id, GoLiveCheck::State state, const std::string& detail = "");
+
   // ---- Observable state -----------------------------------------------------------------
   // Input slots
   Observable<std::vector<CameraSlot>> slots;
@@ -327,6 +344,9 @@ class CameraModel {
   std::optional<std::string> relaunchBlocker() const;
   std::optional<std::string> updateBlocker() const;
   void loadPiPSettings();
+  void wirePublisher();
+  void goLiveSessionReady(const QvnCloud::Session& session, const QvnOutputInfo& planned);
+  void failGoLiveStart(const std::string& id, const std::string& detail);
   void loadAudioSettings();
   void loadOverlaySettings();
   void busChanged(int program, int preview);
@@ -358,6 +378,8 @@ class CameraModel {
   std::shared_ptr<Anchor> anchor_;
 
   bool started_ = false;
+  // Counts Go Live starts and cancels, so a session that arrives after a cancel is ended.
+  int goLiveAttempt_ = 0;
   bool phonesListening_ = false;
   bool applyingSettings_ = false;
   bool terminateObserved_ = false;

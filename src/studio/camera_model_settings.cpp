@@ -4,6 +4,7 @@
 #include <sstream>
 #include <type_traits>
 
+#include "golive/go_live_format.h"
 #include "platform/defaults.h"
 #include "studio/camera_model.h"
 #include "support/qvn_log.h"
@@ -178,6 +179,7 @@ void CameraModel::loadSettings() {
   load(s, "qvn.mixFill", mixFill);
   load(s, "qvn.canvasSize", canvasSize);
   load(s, "qvn.streamOutput", streamOutput);
+  hubs_.publisher->setPreferredSize(GoLiveFormat::choiceSize(streamOutput()));
   load(s, "qvn.inspectorCollapsed", inspectorCollapsed);
   if (auto text = s.text("qvn.panel")) {
     // The retired panels load as the inspector.

@@ -6,6 +6,7 @@
 
 #include "audio/audio_engine.h"
 #include "golive/canned_encoder.h"
+#include "golive/go_live_format.h"
 #include "golive/rtmp_publisher.h"
 #include "golive/scripted_server.h"
 #include "platform/pixel_convert.h"
@@ -54,11 +55,11 @@ TEST(PublisherRules, TheSizeKeepsWithinTheCanvasAndTheChoiceAndComesOutEven) {
   StreamConfig config;
   config.width = 1279;
   config.height = 721;
-  EXPECT_EQ(RTMPPublisher::outputSize(config, {1920, 1080}, std::nullopt), (std::pair{1278, 720}));
+  EXPECT_EQ(GoLiveFormat::outputSize(config, {1920, 1080}, std::nullopt), (std::pair{1278, 720}));
   config.width = 3840;
   config.height = 2160;
-  EXPECT_EQ(RTMPPublisher::outputSize(config, {1920, 1080}, std::nullopt), (std::pair{1920, 1080}));
-  EXPECT_EQ(RTMPPublisher::outputSize(config, {1920, 1080}, std::pair{1280, 720}),
+  EXPECT_EQ(GoLiveFormat::outputSize(config, {1920, 1080}, std::nullopt), (std::pair{1920, 1080}));
+  EXPECT_EQ(GoLiveFormat::outputSize(config, {1920, 1080}, std::pair{1280, 720}),
             (std::pair{1280, 720}));
   // A chosen 720p stream is held to 4 Mb/s; the canvas as it is keeps what it was given.
   EXPECT_EQ(RTMPPublisher::bitrateFor(6'000'000, 720, true), 4'000'000);

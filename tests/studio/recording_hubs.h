@@ -128,7 +128,13 @@ QVN_LOCAL(RecNDI, NDIHub, std::optional<std::string> start(const NDISourceItem& 
   return rec("start", source.name, slot), std::nullopt; })
 QVN_HUB(RecRecorder, SessionRecorder, QVN_REC(void, detachTap, (int slot), slot)
   QVN_REC(void, followAudioSlot, (int slot), slot))
-QVN_HUB(RecPublisher, GoLivePublisher, QVN_REC(void, setProgramSlot, (int slot), slot))
+QVN_HUB(RecPublisher, GoLivePublisher, bool starts = true;
+  QVN_REC(void, setProgramSlot, (int slot), slot) QVN_REC(void, stop, ())
+  bool start(const std::string& url, const std::string& key, int slot, const StreamConfig& c) override {
+    return rec("start", url + "/" + key, slot, word(c.width) + "x" + word(c.height)), starts; }
+  void setPreferredSize(std::optional<std::pair<int, int>> size) override {
+    rec("setPreferredSize", size ? word(size->first) + "x" + word(size->second) : "none"); }
+  long networkDrops() const override { return 0; })
 QVN_HUB(RecProgramOutput, ProgramOutput, QVN_GET(int, extendedCount, 0)
   QVN_GET(std::vector<std::string>, extendedScreenIDs, std::vector<std::string>{})
   QVN_GET(std::vector<ExtendedOutput>, extendedOutputs, std::vector<ExtendedOutput>{})
@@ -162,10 +168,32 @@ QVN_HUB(RecOverlays, OverlayStore, bool isEnabled = false;
   QVN_REC(void, setStudioMode, (bool on), on) QVN_REC(void, setEditProgram, (bool on), on)
   QVN_REC(void, didTake, ())
   QVN_REC(void, pushToMix, (bool rerender), rerender) QVN_REC(void, migrateLegacyOverlaysIfNeeded, ()))
-QVN_HUB(RecCloud, QvnCloudAccount, LivePhase phase = LivePhase::idle; bool isPublishing = false;
-  QVN_REC(void, restore, ()) QVN_GET(LivePhase, livePhase, phase) QVN_GET(bool, publishing, isPublishing)
-  QVN_REC(void, setPermissionMessage, (std::optional<std::string> text), text)
-  QVN_REC(void, endLiveBlocking, (double timeout), timeout))
+// The account's phases move as the real one's do; a session comes when the test answers
+// `starts`, and an end finishes when it answers `ends` (at once with `endsAtOnce`).
+QVN_HUB(RecCloud, QvnCloudAccount, bool token = true; bool endsAtOnce = true;
+  std::vector<std::function<void(std::optional<QvnCloud::Session>)>> starts;
+  std::vector<std::function<void()>> ends;
+  QVN_REC(void, restore, ()) QVN_REC(void, setPermissionMessage, (std::optional<std::string> text), text)
+  bool hasAccessToken() override { return token; }
+  std::string dashboardHost() const override { return "cloud.test"; }
+  std::string dashboardURL() const override { return "https://cloud.test/dashboard"; }
+  QVN_REC(void, loadDestinations, ()) QVN_REC(void, toggle, (const std::string& id, bool on), id, on)
+  QVN_REC(void, loadEmbedLink, ()) QVN_REC(void, createEmbedLink, ())
+  QVN_REC(void, endLiveBlocking, (double timeout), timeout)
+  void startLive(std::function<void(std::optional<QvnCloud::Session>)> done) override {
+    rec("startLive"), starts.push_back(std::move(done)); }
+  void markLive() override { rec("markLive"), livePhase = LivePhase::live, publishing = true; }
+  void noteReconnecting() override { rec("noteReconnecting"), livePhase = LivePhase::connecting, publishing = false; }
+  void failLive(const std::string& m) override { rec("failLive", m), liveFailure = m, livePhase = LivePhase::error; }
+  void endLive(std::function<void()> done) override {
+    rec("endLive");
+    auto finish = [this, done] {
+      if (livePhase() != LivePhase::error) livePhase = LivePhase::ended;
+      publishing = false;
+      done();
+    };
+    if (endsAtOnce) finish(); else ends.push_back(finish);
+  })
 QVN_HUB(RecUpdater, QvnAutoUpdater, QVN_REC(void, start, ()))
 QVN_HUB(RecTelemetry, QvnTelemetry, QVN_REC(void, heartbeatAtQuit, (double timeout), timeout))
 QVN_HUB(RecScreens, Screens, std::vector<DisplayInfo> displays;

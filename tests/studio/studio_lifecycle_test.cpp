@@ -30,10 +30,11 @@ TEST_F(StudioLifecycle, StartBringsTheStudioUpInItsFixedOrderOnce) {
   const std::vector<std::string> expected{
       "signaling.setPin " + m.pin(), "signaling.setAcceptNewDevices true",
       // settings, before any engine starts
-      "mix.setCanvas 1920x1080", "mix.setHoldPreview true", "mix.setPreviewVisible true",
-      "overlays.setStudioMode true", "overlays.enabled", "mix.setPiP false 0 0.84 0.79 preview",
-      "masterInput.stop", "meterBus.pushMaster []", "masterInput.stop", "monitorMixer.setVolume 1",
-      "media.setVolume 1", "audio.suppressWebRTCPlayout", "audio.setMonitorDevice none",
+      "publisher.setPreferredSize none", "mix.setCanvas 1920x1080", "mix.setHoldPreview true",
+      "mix.setPreviewVisible true", "overlays.setStudioMode true", "overlays.enabled",
+      "mix.setPiP false 0 0.84 0.79 preview", "masterInput.stop", "meterBus.pushMaster []",
+      "masterInput.stop", "monitorMixer.setVolume 1", "media.setVolume 1",
+      "audio.suppressWebRTCPlayout", "audio.setMonitorDevice none",
       "mix.setPiP false 0 0.84 0.79 both", "overlays.migrateLegacyOverlaysIfNeeded",
       "overlays.setEnabled false", "overlays.pushToMix true",
       // engines and hubs
@@ -61,16 +62,17 @@ TEST_F(StudioLifecycle, StartBringsTheStudioUpInItsFixedOrderOnce) {
 
   // What start hands to the virtual camera and the updater asks the model.
   EXPECT_EQ(hubs.virtualCamera->relaunchBlocker(), std::nullopt);
-  hubs.cloud->isPublishing = true;
+  hubs.cloud->livePhase = LivePhase::live;
   EXPECT_EQ(hubs.virtualCamera->relaunchBlocker(), "End Go Live first, then press Reopen Studio.");
   m.recording = true;
   EXPECT_EQ(hubs.virtualCamera->relaunchBlocker(),
             "Stop recording first, then press Reopen Studio.");
+  hubs.cloud->livePhase = LivePhase::idle;
   EXPECT_EQ(hubs.updater->showBlocker(), "The update installs after the recording stops.");
-  hubs.cloud->phase = LivePhase::stopping;
+  hubs.cloud->livePhase = LivePhase::stopping;
   EXPECT_EQ(hubs.updater->showBlocker(), "The update installs after Go Live ends.");
   m.recording = false;
-  hubs.cloud->phase = LivePhase::ended;
+  hubs.cloud->livePhase = LivePhase::ended;
   EXPECT_EQ(hubs.updater->showBlocker(), std::nullopt);
   hubs.updater->onNotice("Update ready");
   EXPECT_EQ(m.toast(), "Update ready");

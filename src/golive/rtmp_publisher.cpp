@@ -39,6 +39,11 @@ std::uint32_t RTMPPublisher::audioMilliseconds(std::int64_t startFrame, std::int
   return milliseconds(double(startFrame - originFrame) / kAudioRate - videoZero);
 }
 
+std::optional<double> RTMPPublisher::reconnectDelay(int attempt) {
+  if (attempt > kMostReconnects) return std::nullopt;
+  return std::min(std::pow(2.0, attempt - 1), 16.0);
+}
+
 std::int64_t RTMPPublisher::bitrateFor(std::int64_t bitrate, int height, bool chosen) {
   constexpr std::int64_t k720Ceiling = 4'000'000;
   return chosen && height <= 720 ? std::min(bitrate, k720Ceiling) : bitrate;
@@ -288,13 +293,14 @@ void RTMPPublisher::handleDisconnect(const std::string& reason) {
   // 2-4
   ++reconnectAttempt_;
   ++reconnectCount_;
-  if (reconnectAttempt_ > kMostReconnects) {
+  const auto wait = reconnectDelay(reconnectAttempt_);
+  if (!wait) {
     QvnLog::line("golive ingest lost after 5 reconnects (" + reason + ")");
     status("ingest lost");
     if (onFatal) onFatal("ingest lost");
     return;
   }
-  const double delay = std::min(std::pow(2.0, reconnectAttempt_ - 1), 16.0);
+  const double delay = *wait;
   status("ingest lost — reconnecting");
   if (onReconnecting) onReconnecting();
   char seconds[16];

@@ -74,6 +74,9 @@ class RTMPPublisher final : public GoLivePublisher,
   };
   static VideoGate videoGate(std::optional<std::uint32_t> lastMs, std::uint32_t ms, bool keyframe,
                              bool waitingForKeyframe, bool backlogged);
+  // The wait before reconnect `attempt` (1, 2, 4, 8, 16 s); none after the fifth, when the
+  // ingest counts as lost.
+  static std::optional<double> reconnectDelay(int attempt);
   // A chosen size of 720 lines or fewer streams at 4 Mb/s at most; the canvas as it is keeps
   // what it was given.
   static std::int64_t bitrateFor(std::int64_t bitrate, int height, bool chosen);

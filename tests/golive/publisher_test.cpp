@@ -51,7 +51,7 @@ TEST(PublisherRules, APictureThatWouldNotAdvanceGoesAndWhatDependsOnItWaitsForAK
   EXPECT_EQ(gate(33, 66, true, false, true), (std::pair{true, false}));
 }
 
-TEST(PublisherRules, TheSizeKeepsWithinTheCanvasAndTheChoiceAndComesOutEven) {
+TEST(PublisherRules, SizeBitrateAndReconnectWaitsKeepToTheirLimits) {
   StreamConfig config;
   config.width = 1279;
   config.height = 721;
@@ -61,6 +61,10 @@ TEST(PublisherRules, TheSizeKeepsWithinTheCanvasAndTheChoiceAndComesOutEven) {
   EXPECT_EQ(GoLiveFormat::outputSize(config, {1920, 1080}, std::nullopt), (std::pair{1920, 1080}));
   EXPECT_EQ(GoLiveFormat::outputSize(config, {1920, 1080}, std::pair{1280, 720}),
             (std::pair{1280, 720}));
+  // Five reconnects with a doubling wait; the sixth loss is fatal.
+  for (int attempt = 1; attempt <= 5; ++attempt)
+    EXPECT_EQ(RTMPPublisher::reconnectDelay(attempt), double(1 << (attempt - 1)));
+  EXPECT_EQ(RTMPPublisher::reconnectDelay(6), std::nullopt);
   // A chosen 720p stream is held to 4 Mb/s; the canvas as it is keeps what it was given.
   EXPECT_EQ(RTMPPublisher::bitrateFor(6'000'000, 720, true), 4'000'000);
   EXPECT_EQ(RTMPPublisher::bitrateFor(6'000'000, 720, false), 6'000'000);

@@ -16,6 +16,7 @@
 #include <thread>
 #include <typeinfo>
 
+#include "app/headless_actions.h"
 #include "audio/audio_engine.h"
 #include "cloud/account.h"
 #include "golive/rtmp_publisher.h"
@@ -53,12 +54,16 @@ struct Options {
   std::string apiBase = "http://127.0.0.1:8790";
   // A web sign-in's answer, as the browser hands it to a new studio process.
   std::optional<std::string> launchURL;
+  // Without a window: sign in by e-mail, and go live once signed in.
+  std::optional<std::string> signInEmail;
+  bool goLive = false;
 };
 
 constexpr std::string_view kUsage =
     "usage: quorvane-studio [--headless] [--for SECONDS] [--data-root DIR] [--phones]\n"
     "                       [--phone-port N] [--phone-local-addr ADDRESS] [--publish URL]\n"
-    "                       [--api-base URL] [quorvanestudio:URL]\n";
+    "                       [--api-base URL] [--sign-in EMAIL] [--go-live]\n"
+    "                       [quorvanestudio:URL]\n";
 
 // An error text for the operator, or none when the options are good.
 std::optional<std::string> parse(int argc, char** argv, Options& options) {
@@ -107,6 +112,13 @@ std::optional<std::string> parse(int argc, char** argv, Options& options) {
       if (!base || !qvn::isAllowedAPIBase(std::string(*base)))
         return "--api-base needs an https:// address, or http:// to this computer";
       options.apiBase = std::string(*base);
+    } else if (arg == "--sign-in") {
+      auto email = value();
+      if (!email || !qvn::acceptedEmail(std::string(*email)))
+        return "--sign-in needs a full email address, like " + std::string(qvn::kExampleEmail);
+      options.signInEmail = std::string(*email);
+    } else if (arg == "--go-live") {
+      options.goLive = true;
     } else if (arg.starts_with(std::string(qvn::CloudAccount::kCallbackScheme) + ":")) {
       options.launchURL = std::string(arg);
     } else if (arg == "--record") {
@@ -249,8 +261,12 @@ int runStudio(const Options& options, qvn::MainQueue& main, const MainLoop& loop
   if (options.forSeconds) main.asyncAfter(*options.forSeconds, quit);
 
   std::shared_ptr<void> window;
+  std::unique_ptr<HeadlessActions> actions;
   main.async([&] {
     shell.launch();
+    if (options.signInEmail || options.goLive)
+      actions = std::make_unique<HeadlessActions>(shell.model(), *account, options.signInEmail,
+                                                  options.goLive);
     if (loop.openWindow) window = loop.openWindow(shell.model(), hubs, settings, *account, quit);
   });
   // Straight to the user's own server, without the cloud: Program and the stream bus.
@@ -265,6 +281,7 @@ int runStudio(const Options& options, qvn::MainQueue& main, const MainLoop& loop
       publisher->start(url.substr(0, cut), url.substr(cut + 1), 0, config);
     });
   loop.run();
+  actions.reset();
   window.reset();
   publisher->stop();
   qvn::QvnLog::flush();

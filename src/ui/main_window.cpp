@@ -18,6 +18,7 @@
 #include "studio/camera_model.h"
 #include "studio/studio_panel.h"
 #include "studio/window_frame.h"
+#include "ui/go_live_sheet.h"
 #include "ui/monitor_view.h"
 #include "ui/panel_rail.h"
 #include "ui/qvn_style.h"
@@ -58,9 +59,10 @@ class MainWindow::KeyFilter : public QObject {
 };
 
 MainWindow::MainWindow(CameraModel& model, FrameHub& frames, Defaults& settings,
-                       CloudAccount* account)
+                       CloudAccount* account, QvnCloudAccount* streaming)
     : model_(model),
       account_(account),
+      streaming_(streaming ? streaming : account),
       autosave_(std::make_unique<WindowFrameAutosave>(settings)),
       preview_(new MonitorView(frames, FrameHub::kPreviewSlot, "PREVIEW",
                                [this](int slot) { model_.setPreview(slot); })),
@@ -71,6 +73,7 @@ MainWindow::MainWindow(CameraModel& model, FrameHub& frames, Defaults& settings,
       rail_(new PanelRail(model, settings)),
       pairing_(new QLabel),
       mode_(new QLabel),
+      goLive_(new QPushButton("Go Live")),
       toast_(new QLabel),
       log_(new QListWidget),
       logButton_(new QPushButton("Log")),
@@ -111,7 +114,17 @@ MainWindow::MainWindow(CameraModel& model, FrameHub& frames, Defaults& settings,
   if (account_) {
     signIn_ = new SignInView(*account_);
     root_->addWidget(signIn_);
-    subscriptions_.push_back(account_->user.subscribe([this](const auto&) { refreshRoot(); }));
+    auto root = [this](const auto&) { refreshRoot(); };
+    subscriptions_.push_back(account_->user.subscribe(root));
+    subscriptions_.push_back(account_->signedOutWhileLive.subscribe(root));
+    subscriptions_.push_back(account_->livePhase.subscribe(root));
+  }
+  connect(goLive_, &QPushButton::clicked, this, [this] { model_.toggleGoLive(); });
+  if (streaming_) {
+    goLiveSheet_ = new GoLiveSheet(model_, *streaming_, central);
+    auto goLive = [this](const auto&) { refreshGoLive(); };
+    subscriptions_.push_back(streaming_->livePhase.subscribe(goLive));
+    subscriptions_.push_back(streaming_->liveClock.subscribe(goLive));
   }
   setCentralWidget(root_);
   refreshRoot();
@@ -135,12 +148,17 @@ MainWindow::MainWindow(CameraModel& model, FrameHub& frames, Defaults& settings,
   subscriptions_.push_back(model_.previewSlot.subscribe(monitorsAgain));
   subscriptions_.push_back(model_.slots.subscribe(monitorsAgain));
   subscriptions_.push_back(model_.toast.subscribe([this](const auto& text) { showToast(text); }));
+  // A toast says what a press in the sheet did: it stays above the sheet.
+  subscriptions_.push_back(model_.showGoLiveSheet.subscribe([this](bool) {
+    if (toast_->isVisible()) toast_->raise();
+  }));
   subscriptions_.push_back(model_.log.subscribe([this](const std::vector<std::string>& lines) {
     log_->clear();
     for (const auto& line : lines) log_->addItem(QString::fromStdString(line));
     log_->scrollToBottom();
   }));
   refreshHeader();
+  refreshGoLive();
   refreshMonitors();
 }
 
@@ -168,11 +186,17 @@ QWidget* MainWindow::makeHeader() {
   layout->addWidget(pairing_, 0, Qt::AlignVCenter);
   layout->addSpacing(8);
   layout->addWidget(logButton_, 0, Qt::AlignVCenter);
+  layout->addWidget(goLive_, 0, Qt::AlignVCenter);
   return header;
 }
 
+bool MainWindow::showsStudio() const {
+  // A sign-in revoked mid-stream leaves the stream running: the studio stays until it ends.
+  return !account_ || account_->signedIn() || account_->signedOutWhileLive();
+}
+
 void MainWindow::refreshRoot() {
-  const bool signIn = account_ && !account_->signedIn();
+  const bool signIn = !showsStudio();
   root_->setCurrentWidget(signIn ? signIn_ : studio_);
   if (signIn)
     setMinimumSize(SignInView::kMinWidth, SignInView::kMinHeight);
@@ -185,6 +209,34 @@ void MainWindow::refreshHeader() {
   pairing_->setText(QString("Phones pair at %1 with PIN <b style='color:%2'>%3</b>")
                         .arg(QString::fromStdString(model_.ip()), css(Qvn::cloud),
                              QString::fromStdString(model_.pin())));
+}
+
+void MainWindow::refreshGoLive() {
+  const LivePhase phase = streaming_ ? streaming_->livePhase() : LivePhase::idle;
+  switch (phase) {
+    case LivePhase::connecting:
+      goLive_->setText("Connecting…");
+      break;
+    case LivePhase::live:
+      goLive_->setText("LIVE " + QString::fromStdString(streaming_->liveClock()));
+      break;
+    case LivePhase::stopping:
+      goLive_->setText("Stopping…");
+      break;
+    default:
+      goLive_->setText("Go Live");
+  }
+  // Restyled only when it changes, not with every tick of the clock.
+  const bool running = isStreamRunning(phase);
+  if (goLiveStyledRunning_ == running) return;
+  goLiveStyledRunning_ = running;
+  goLive_->setStyleSheet(
+      running ? QString("QPushButton { background: %1; color: %2; border: none; font-weight: 700;"
+                        " padding: 6px 16px; }")
+                    .arg(css(Qvn::live), css(Qvn::cloud))
+              : QString("QPushButton { color: %1; border: 1px solid %1; font-weight: 600;"
+                        " padding: 5px 16px; } QPushButton:hover { background: %2; }")
+                    .arg(css(Qvn::live), css(Qvn::borderSubtle)));
 }
 
 void MainWindow::refreshMonitors() {

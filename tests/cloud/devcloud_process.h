@@ -17,10 +17,13 @@ namespace qvn::test {
 
 class DevCloudProcess {
  public:
-  // `extra` options such as {"--access-ttl", "2"}; its files go in `work`.
-  explicit DevCloudProcess(const std::filesystem::path& work, std::vector<std::string> extra = {}) {
+  // `extra` options such as {"--access-ttl", "2"}; its files go in `work`. The stream
+  // ingest (an nginx of its own) only when a test streams.
+  explicit DevCloudProcess(const std::filesystem::path& work, std::vector<std::string> extra = {},
+                           bool ingest = false) {
     std::vector<std::string> argv = {QVN_DEVCLOUD, "--port", "0", "--db",
                                      (work / "cloud.sqlite").string()};
+    if (!ingest) argv.push_back("--no-ingest");
     argv.insert(argv.end(), extra.begin(), extra.end());
     process_ = std::make_unique<ChildProcess>(argv, work / "cloud.out", work / "cloud.err");
     const std::regex listening("listening on (http://127\\.0\\.0\\.1:[0-9]+)");

@@ -19,6 +19,9 @@ std::string apply(DevCloudOptions& o, std::string_view name, std::string value) 
   constexpr std::int64_t kLongestTtl = 86'400;
   if (name == "--port") {
     if (!parseNumber(value, o.port)) return "--port wants a number from 0 to 65535, not " + value;
+  } else if (name == "--ingest-port") {
+    if (!parseNumber(value, o.ingestPort))
+      return "--ingest-port wants a number from 0 to 65535, not " + value;
   } else if (name == "--db") {
     if (value.empty()) return "--db wants a file name";
     o.database = value;
@@ -48,6 +51,10 @@ std::variant<DevCloudOptions, DevCloudHelp, std::string> parseDevCloudOptions(
   for (int i = 1; i < argc; ++i) {
     std::string_view arg = argv[i];
     if (arg == "--help" || arg == "-h") return DevCloudHelp{};
+    if (arg == "--no-ingest") {
+      options.ingest = false;
+      continue;
+    }
     std::string value;
     if (const auto equals = arg.find('='); arg.starts_with("--") && equals != arg.npos) {
       value = arg.substr(equals + 1);
@@ -65,17 +72,22 @@ std::variant<DevCloudOptions, DevCloudHelp, std::string> parseDevCloudOptions(
 
 std::string devCloudUsage() {
   return "usage: qvn-devcloud [--port N] [--db FILE] [--access-ttl SECONDS] [--code-ttl SECONDS]\n"
-         "                    [--site URL]\n"
+         "                    [--site URL] [--ingest-port N | --no-ingest]\n"
+         "       qvn-devcloud destination add|list|remove --db FILE ...  (--help for more)\n"
          "\n"
-         "The studio's cloud account service on 127.0.0.1, for tests and demos.\n"
+         "The studio's cloud account service on 127.0.0.1, for tests and demos, with an RTMP\n"
+         "ingest (nginx) that relays each stream to the account's destinations.\n"
          "  --port N              port to listen on; 0 (the default) picks a free one\n"
          "  --db FILE             SQLite file for accounts and tokens; none keeps them in memory\n"
          "  --access-ttl SECONDS  lifetime of an access token (900)\n"
          "  --code-ttl SECONDS    lifetime of an e-mail code and of a web sign-in (600)\n"
          "  --site URL            base of the links it prints and redirects to (its own "
          "address)\n"
+         "  --ingest-port N       port of the RTMP ingest; 0 (the default) picks a free one\n"
+         "  --no-ingest           start no ingest; sessions still name its address\n"
          "\n"
-         "It prints \"qvn-devcloud listening on http://127.0.0.1:PORT\" once it listens, and\n"
+         "It prints \"qvn-devcloud listening on http://127.0.0.1:PORT\" once it listens, then\n"
+         "\"qvn-devcloud ingest on rtmp://127.0.0.1:PORT/live\" (or why there is none), and\n"
          "\"code for EMAIL: DIGITS\" with the sign-in link for every e-mail it would send.\n";
 }
 

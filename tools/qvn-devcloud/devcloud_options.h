@@ -14,6 +14,9 @@ struct DevCloudOptions {
   std::int64_t codeTtlSeconds = 600;
   // Where the links it prints and redirects to point; empty: its own address.
   std::string site;
+  // The RTMP ingest's port on 127.0.0.1; 0: a free one. Sessions name it even without one.
+  std::uint16_t ingestPort = 0;
+  bool ingest = true;  // false: no nginx is started
 };
 
 struct DevCloudHelp {};  // --help: the usage text, and a clean exit

@@ -30,6 +30,14 @@ std::int64_t systemSeconds() {
       .count();
 }
 
+// Free at the moment of asking; nginx binds it a moment later, which is close enough for a
+// tool on this machine alone.
+std::uint16_t freeLoopbackPort() {
+  asio::io_context io;
+  tcp::acceptor probe(io, tcp::endpoint(asio::ip::address_v4::loopback(), 0));
+  return probe.local_endpoint().port();
+}
+
 void toStdout(const std::string& line) {
   std::fprintf(stdout, "%s\n", line.c_str());
   std::fflush(stdout);
@@ -72,7 +80,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
                   request.body(), std::string(request[http::field::authorization])};
     const HttpReply reply = service_.handle(call);
     // The path alone: a query may carry a code.
-    log_(call.method + " " + pathOf(call.target) + " " + std::to_string(reply.status));
+    if (!reply.quiet)
+      log_(call.method + " " + pathOf(call.target) + " " + std::to_string(reply.status));
 
     response_ = {};
     response_.version(request.version());
@@ -113,6 +122,7 @@ struct DevCloudServer::Impl {
   std::unique_ptr<DevCloudService> service;
   // Kept from the bind, so other threads can ask while the acceptor is busy.
   std::uint16_t port = 0;
+  std::uint16_t ingestPort = 0;
 
   void accept() {
     acceptor.async_accept([this](beast::error_code error, tcp::socket socket) {
@@ -141,12 +151,14 @@ DevCloudServer::DevCloudServer(const DevCloudOptions& options, ServerHooks hooks
     throw std::runtime_error("can't listen on 127.0.0.1:" + std::to_string(options.port) + ": " +
                              error.message());
   impl_->port = impl_->acceptor.local_endpoint().port();
+  impl_->ingestPort = options.ingestPort != 0 ? options.ingestPort : freeLoopbackPort();
 
   impl_->service = std::make_unique<DevCloudService>(ServiceSettings{
       .database = options.database.empty() ? ":memory:" : options.database,
       .accessTtlSeconds = options.accessTtlSeconds,
       .codeTtlSeconds = options.codeTtlSeconds,
       .site = options.site.empty() ? address() : options.site,
+      .ingestUrl = "rtmp://127.0.0.1:" + std::to_string(impl_->ingestPort) + "/live",
       .clock = impl_->hooks.clock,
       .announce = impl_->hooks.announce,
       .log = impl_->hooks.log,
@@ -158,6 +170,14 @@ DevCloudServer::~DevCloudServer() = default;
 
 std::uint16_t DevCloudServer::port() const {
   return impl_->acceptor.local_endpoint().port();
+}
+
+const std::function<void(const std::string&)>& DevCloudServer::logger() const {
+  return impl_->hooks.log;
+}
+
+std::uint16_t DevCloudServer::ingestPort() const {
+  return impl_->ingestPort;
 }
 
 std::string DevCloudServer::address() const {

@@ -32,6 +32,10 @@ class DevCloudServer {
   std::uint16_t port() const;
   // "http://127.0.0.1:PORT"
   std::string address() const;
+  // The ingest's port the sessions name: the one asked for, or a free one picked at start.
+  std::uint16_t ingestPort() const;
+  // The log it writes its request lines to, for the lines of what runs beside it.
+  const std::function<void(const std::string&)>& logger() const;
 
   // Before run(): SIGINT and SIGTERM end run().
   void stopOnSignals();

@@ -5,12 +5,13 @@
 #include <cctype>
 #include <map>
 #include <optional>
-#include <regex>
 #include <string_view>
 
 #include <nlohmann/json.hpp>
 
+#include "devcloud_replies.h"
 #include "devcloud_store.h"
+#include "devcloud_streams.h"
 #include "jwt.h"
 #include "platform/crypto.h"
 
@@ -26,21 +27,6 @@ constexpr int kMostWrongCodes = 5;
 constexpr std::array<std::string_view, 2> kProviders = {"google", "apple"};
 constexpr std::string_view kDefaultOAuthEmail = "someone@example.com";
 constexpr std::string_view kCallback = "quorvanestudio://auth/callback";
-
-// A request refused: thrown by the checks below, turned into the JSON error reply.
-struct Refusal {
-  unsigned status;
-  std::string error;
-  std::string message;
-};
-
-HttpReply jsonReply(unsigned status, const json& body) {
-  return {status, "application/json", body.dump(), {}};
-}
-
-HttpReply errorReply(unsigned status, const std::string& error, const std::string& message) {
-  return jsonReply(status, {{"error", error}, {"message", message}});
-}
 
 std::string htmlEscape(std::string_view text) {
   std::string out;
@@ -98,71 +84,6 @@ std::string percentEncode(std::string_view text) {
   return out;
 }
 
-// Form encoding: "+" is a space; a broken escape stays as it was written.
-std::string percentDecode(std::string_view text) {
-  const auto hex = [](char c) -> int {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-  };
-  std::string out;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '+') {
-      out.push_back(' ');
-    } else if (text[i] == '%' && i + 2 < text.size() && hex(text[i + 1]) >= 0 &&
-               hex(text[i + 2]) >= 0) {
-      out.push_back(char(hex(text[i + 1]) * 16 + hex(text[i + 2])));
-      i += 2;
-    } else {
-      out.push_back(text[i]);
-    }
-  }
-  return out;
-}
-
-std::map<std::string, std::string> queryOf(const std::string& target) {
-  std::map<std::string, std::string> query;
-  const auto mark = target.find('?');
-  if (mark == std::string::npos) return query;
-  std::string_view rest = std::string_view(target).substr(mark + 1);
-  while (!rest.empty()) {
-    const auto amp = rest.find('&');
-    const std::string_view pair = rest.substr(0, amp);
-    const auto equals = pair.find('=');
-    // The first of a repeated key wins.
-    query.emplace(percentDecode(pair.substr(0, equals)),
-                  equals == std::string_view::npos ? "" : percentDecode(pair.substr(equals + 1)));
-    rest = amp == std::string_view::npos ? std::string_view() : rest.substr(amp + 1);
-  }
-  return query;
-}
-
-std::string trimmed(std::string_view text) {
-  const auto isSpace = [](unsigned char c) { return std::isspace(c) != 0; };
-  while (!text.empty() && isSpace(text.front())) text.remove_prefix(1);
-  while (!text.empty() && isSpace(text.back())) text.remove_suffix(1);
-  return std::string(text);
-}
-
-// Trimmed and in lower case, as accounts are keyed.
-std::string normalEmail(std::string_view text) {
-  std::string email = trimmed(text);
-  std::transform(email.begin(), email.end(), email.begin(),
-                 [](unsigned char c) { return char(std::tolower(c)); });
-  return email;
-}
-
-// The same test the studio makes before it sends an address.
-bool isFullEmail(const std::string& email) {
-  static const std::regex kPattern(R"(^[^\s@]+@[^\s@]+\.[^\s@]+$)");
-  return std::regex_match(email, kPattern);
-}
-
-std::string randomToken(size_t bytes) {
-  return base64url(randomBytes(bytes));
-}
-
 std::string sixDigits() {
   // Below the largest multiple of a million under 2^32, so every code is as likely.
   constexpr std::uint32_t kLimit = 4'294'000'000u;
@@ -192,42 +113,6 @@ bool isBase64url(std::string_view text) {
   });
 }
 
-json objectBody(const HttpCall& call) {
-  if (trimmed(call.body).empty()) return json::object();
-  auto body = json::parse(call.body, nullptr, false);
-  if (body.is_discarded() || !body.is_object())
-    throw Refusal{400, "invalid_json", "The body must be a JSON object."};
-  return body;
-}
-
-std::optional<std::string> optionalText(const json& body, const char* key) {
-  const auto field = body.find(key);
-  if (field == body.end() || field->is_null()) return std::nullopt;
-  if (!field->is_string())
-    throw Refusal{400, "invalid_request", std::string(key) + " must be a string."};
-  return field->get<std::string>();
-}
-
-std::string requiredText(const json& body, const char* key) {
-  auto value = optionalText(body, key);
-  if (!value || value->empty())
-    throw Refusal{400, "invalid_request", std::string(key) + " is missing."};
-  return *value;
-}
-
-std::string requiredQuery(const std::map<std::string, std::string>& query, const char* key) {
-  const auto found = query.find(key);
-  if (found == query.end() || found->second.empty())
-    throw Refusal{400, "invalid_request", std::string(key) + " is missing."};
-  return found->second;
-}
-
-std::string queryValue(const std::map<std::string, std::string>& query, const char* key,
-                       std::string_view fallback = {}) {
-  const auto found = query.find(key);
-  return found == query.end() || found->second.empty() ? std::string(fallback) : found->second;
-}
-
 json userJson(const Account& account) {
   return {{"email", account.email},
           {"display_name", account.displayName},
@@ -247,7 +132,10 @@ std::string pathOf(const std::string& target) {
 }
 
 struct DevCloudService::Impl {
-  explicit Impl(ServiceSettings s) : settings(std::move(s)), store(settings.database) {}
+  explicit Impl(ServiceSettings s)
+      : settings(std::move(s)), store(settings.database), streams(store, settings) {
+    store.forgetPublishing();
+  }
 
   // A failure the tests asked for, served instead of the next requests to one path.
   struct Failure {
@@ -266,6 +154,7 @@ struct DevCloudService::Impl {
 
   ServiceSettings settings;
   Store store;
+  StreamDesk streams;
   std::map<std::string, Failure> failures;
 
   std::int64_t now() const { return settings.clock(); }
@@ -357,6 +246,7 @@ HttpReply DevCloudService::Impl::route(const HttpCall& call, const std::string& 
       {"POST", "/dev/revoke", &Impl::revoke},
       {"GET", "/dev/last-code", &Impl::lastCode},
   };
+  if (auto reply = streams.handle(call, path, [&] { return caller(call).account; })) return *reply;
   std::string allowed;
   for (const auto& r : kRoutes) {
     if (r.path != path) continue;

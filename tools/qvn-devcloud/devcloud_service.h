@@ -1,6 +1,6 @@
-// The devcloud's answers: every endpoint of the studio's cloud account that sign-in and the
-// account need, and the controls the studio's tests use, apart from the wire. One request at
-// a time: the server calls it from its one thread.
+// The devcloud's answers: every endpoint of the studio's cloud account that sign-in, the
+// account and going live need, and the controls the studio's tests use, apart from the wire. One
+// request at a time: the server calls it from its one thread.
 #pragma once
 
 #include <cstdint>
@@ -24,13 +24,15 @@ struct HttpReply {
   std::string contentType = "application/json";
   std::string body;
   std::vector<std::pair<std::string, std::string>> headers;  // besides Content-Type
+  bool quiet = false;  // not worth a log line: a poll that comes every second
 };
 
 struct ServiceSettings {
   std::string database;  // a file, or ":memory:"
   std::int64_t accessTtlSeconds = 900;
   std::int64_t codeTtlSeconds = 600;
-  std::string site;  // base of the links it prints and redirects to, without a trailing /
+  std::string site;       // base of the links it prints and redirects to, without a trailing /
+  std::string ingestUrl;  // rtmp://127.0.0.1:PORT/live, handed to every stream session
   // Seconds since 1970.
   std::function<std::int64_t()> clock;
   // Lines for the person running it: the codes and links it would have mailed.

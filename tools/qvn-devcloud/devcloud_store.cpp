@@ -40,6 +40,24 @@ CREATE TABLE IF NOT EXISTS events(
 CREATE TABLE IF NOT EXISTS support_messages(
   id INTEGER PRIMARY KEY, account_id INTEGER NOT NULL, received INTEGER NOT NULL,
   body TEXT NOT NULL);
+CREATE TABLE IF NOT EXISTS destinations(
+  id TEXT PRIMARY KEY, account_id INTEGER NOT NULL REFERENCES accounts(id),
+  platform TEXT NOT NULL, name TEXT NOT NULL, url TEXT NOT NULL, stream_key TEXT NOT NULL,
+  enabled INTEGER NOT NULL DEFAULT 1, last_error TEXT NOT NULL DEFAULT '',
+  added INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS stream_sessions(
+  id TEXT PRIMARY KEY, account_id INTEGER NOT NULL REFERENCES accounts(id),
+  device_id TEXT NOT NULL, stream_key TEXT NOT NULL UNIQUE, config TEXT NOT NULL,
+  created INTEGER NOT NULL, deleted INTEGER NOT NULL DEFAULT 0,
+  publishing INTEGER NOT NULL DEFAULT 0);
+CREATE TABLE IF NOT EXISTS session_destinations(
+  session_id TEXT NOT NULL REFERENCES stream_sessions(id), destination_id TEXT NOT NULL,
+  position INTEGER NOT NULL, platform TEXT NOT NULL, name TEXT NOT NULL,
+  status TEXT NOT NULL DEFAULT 'waiting', error_message TEXT NOT NULL DEFAULT '',
+  PRIMARY KEY(session_id, destination_id));
+CREATE TABLE IF NOT EXISTS embeds(
+  account_id INTEGER PRIMARY KEY REFERENCES accounts(id), url TEXT NOT NULL,
+  created INTEGER NOT NULL);
 )sql";
 
 // One prepared statement: bind, step, read columns. Every failure throws StoreError.
@@ -144,6 +162,22 @@ OAuthFlow readFlow(const Statement& row) {
   flow.codeExpires = row.integer(9);
   flow.used = row.integer(10) != 0;
   return flow;
+}
+
+constexpr const char* kDestinationColumns =
+    "id, account_id, platform, name, url, stream_key, enabled, last_error";
+
+Destination readDestination(const Statement& row) {
+  return {row.text(0), row.integer(1), row.text(2),         row.text(3),
+          row.text(4), row.text(5),    row.integer(6) != 0, row.text(7)};
+}
+
+constexpr const char* kSessionColumns =
+    "id, account_id, device_id, stream_key, config, deleted, publishing";
+
+StreamSession readSession(const Statement& row) {
+  return {row.text(0), row.integer(1),      row.text(2),        row.text(3),
+          row.text(4), row.integer(5) != 0, row.integer(6) != 0};
 }
 
 // The address up to its @, kept to letters, digits, dots, dashes and underscores.
@@ -354,6 +388,162 @@ int Store::eventCount() {
 int Store::supportMessageCount() {
   Statement s(db_, "SELECT count(*) FROM support_messages");
   return s.step() ? int(s.integer(0)) : 0;
+}
+
+Destination Store::addDestination(Destination d) {
+  // Short enough to type into the admin command, random so a removed one's id never returns.
+  d.id = "dst_" + hexText(randomBytes(5));
+  Statement(db_,
+            "INSERT INTO destinations(id, account_id, platform, name, url, stream_key, enabled, "
+            "added) VALUES(?, ?, ?, ?, ?, ?, ?, strftime('%s', 'now'))")
+      .bind(d.id, d.accountId, d.platform, d.name, d.url, d.key, int(d.enabled))
+      .run();
+  return d;
+}
+
+std::optional<Destination> Store::destination(std::string_view id) {
+  Statement s(
+      db_,
+      (std::string("SELECT ") + kDestinationColumns + " FROM destinations WHERE id = ?").c_str());
+  if (!s.bind(id).step()) return std::nullopt;
+  return readDestination(s);
+}
+
+std::vector<Destination> Store::destinations(std::optional<std::int64_t> accountId) {
+  const std::string select = std::string("SELECT ") + kDestinationColumns + " FROM destinations";
+  Statement s(db_,
+              (select + (accountId ? " WHERE account_id = ?" : "") + " ORDER BY rowid").c_str());
+  if (accountId) s.bind(*accountId);
+  std::vector<Destination> list;
+  while (s.step()) list.push_back(readDestination(s));
+  return list;
+}
+
+void Store::setDestinationEnabled(std::string_view id, bool enabled) {
+  Statement(db_, "UPDATE destinations SET enabled = ? WHERE id = ?").bind(int(enabled), id).run();
+}
+
+void Store::setDestinationError(std::string_view id, std::string_view lastError) {
+  Statement(db_, "UPDATE destinations SET last_error = ? WHERE id = ?").bind(lastError, id).run();
+}
+
+bool Store::removeDestination(std::string_view id) {
+  return Statement(db_, "DELETE FROM destinations WHERE id = ?").bind(id).run() == 1;
+}
+
+void Store::addStreamSession(const StreamSession& session,
+                             const std::vector<SessionDestination>& destinations,
+                             std::int64_t now) {
+  execute(db_, "BEGIN");
+  try {
+    Statement(db_,
+              "INSERT INTO stream_sessions(id, account_id, device_id, stream_key, config, "
+              "created) VALUES(?, ?, ?, ?, ?, ?)")
+        .bind(session.id, session.accountId, session.deviceId, session.streamKey,
+              session.configJson, now)
+        .run();
+    int position = 0;
+    for (const auto& d : destinations)
+      Statement(db_,
+                "INSERT INTO session_destinations(session_id, destination_id, position, "
+                "platform, name, status) VALUES(?, ?, ?, ?, ?, ?)")
+          .bind(session.id, d.destinationId, position++, d.platform, d.name, d.status)
+          .run();
+    execute(db_, "COMMIT");
+  } catch (...) {
+    sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+    throw;
+  }
+}
+
+std::optional<StreamSession> Store::streamSession(std::string_view id) {
+  Statement s(
+      db_,
+      (std::string("SELECT ") + kSessionColumns + " FROM stream_sessions WHERE id = ?").c_str());
+  if (!s.bind(id).step()) return std::nullopt;
+  return readSession(s);
+}
+
+std::optional<StreamSession> Store::streamSessionByKey(std::string_view streamKey) {
+  Statement s(
+      db_, (std::string("SELECT ") + kSessionColumns + " FROM stream_sessions WHERE stream_key = ?")
+               .c_str());
+  if (!s.bind(streamKey).step()) return std::nullopt;
+  return readSession(s);
+}
+
+std::vector<SessionDestination> Store::sessionDestinations(std::string_view sessionId) {
+  Statement s(db_,
+              "SELECT destination_id, platform, name, status, error_message FROM "
+              "session_destinations WHERE session_id = ? ORDER BY position");
+  s.bind(sessionId);
+  std::vector<SessionDestination> list;
+  while (s.step()) list.push_back({s.text(0), s.text(1), s.text(2), s.text(3), s.text(4)});
+  return list;
+}
+
+bool Store::setSessionDestination(std::string_view sessionId, std::string_view destinationId,
+                                  std::string_view status, std::string_view errorMessage) {
+  return Statement(db_,
+                   "UPDATE session_destinations SET status = ?, error_message = ? WHERE "
+                   "session_id = ? AND destination_id = ?")
+             .bind(status, errorMessage, sessionId, destinationId)
+             .run() == 1;
+}
+
+void Store::setSessionDestinations(std::string_view sessionId, std::string_view status) {
+  if (status == "ended") {
+    Statement(db_,
+              "UPDATE session_destinations SET status = 'ended' WHERE session_id = ? AND "
+              "status <> 'error'")
+        .bind(sessionId)
+        .run();
+    return;
+  }
+  Statement(db_,
+            "UPDATE session_destinations SET status = ?, error_message = '' WHERE session_id = ?")
+      .bind(status, sessionId)
+      .run();
+}
+
+void Store::setPublishing(std::string_view sessionId, bool publishing) {
+  Statement(db_, "UPDATE stream_sessions SET publishing = ? WHERE id = ?")
+      .bind(int(publishing), sessionId)
+      .run();
+}
+
+bool Store::deleteStreamSession(std::string_view id) {
+  return Statement(db_,
+                   "UPDATE stream_sessions SET deleted = 1, publishing = 0 WHERE id = ? AND "
+                   "deleted = 0")
+             .bind(id)
+             .run() == 1;
+}
+
+bool Store::isPublishing(std::int64_t accountId) {
+  Statement s(db_,
+              "SELECT 1 FROM stream_sessions WHERE account_id = ? AND publishing = 1 AND "
+              "deleted = 0 LIMIT 1");
+  return s.bind(accountId).step();
+}
+
+void Store::forgetPublishing() {
+  execute(db_,
+          "UPDATE session_destinations SET status = 'ended' WHERE status IN ('starting', 'live') "
+          "AND session_id IN (SELECT id FROM stream_sessions WHERE publishing = 1);"
+          "UPDATE stream_sessions SET publishing = 0 WHERE publishing = 1;");
+}
+
+std::optional<std::string> Store::embedUrl(std::int64_t accountId) {
+  Statement s(db_, "SELECT url FROM embeds WHERE account_id = ?");
+  if (!s.bind(accountId).step()) return std::nullopt;
+  return s.text(0);
+}
+
+void Store::setEmbedUrl(std::int64_t accountId, std::string_view url, std::int64_t now) {
+  Statement(db_, "INSERT OR IGNORE INTO embeds(account_id, url, created) VALUES(?, ?, ?)")
+      .bind(accountId, url, now)
+      .run();
 }
 
 }  // namespace qvn::devcloud

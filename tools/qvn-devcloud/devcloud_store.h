@@ -1,5 +1,6 @@
 // What the devcloud keeps: accounts, e-mail sign-in requests, web sign-ins, refresh tokens,
-// the events and support messages it was sent, and the secret that signs access tokens.
+// the events and support messages it was sent, the secret that signs access tokens, and the
+// stream side: destinations, stream sessions with each destination's state, embed links.
 // One SQLite connection in WAL mode. Not thread-safe: one thread at a time, which is the
 // server's one thread once it runs.
 #pragma once
@@ -68,6 +69,39 @@ struct RefreshToken {
   bool revoked = false;
 };
 
+// Where an account's streams can go: an RTMP server and the key to publish there with.
+struct Destination {
+  std::string id;
+  std::int64_t accountId = 0;
+  std::string platform;  // a free word: "youtube", "custom", …
+  std::string name;
+  std::string url;  // rtmp(s)://host[:port]/app, without a trailing /
+  std::string key;  // empty: not connected
+  bool enabled = true;
+  std::string lastError;  // of its last failed relay; empty when none or since gone live
+};
+
+// One "Go Live": the key the studio publishes with, and the settings it was given.
+struct StreamSession {
+  std::string id;
+  std::int64_t accountId = 0;
+  std::string deviceId;
+  std::string streamKey;
+  std::string configJson;  // the stream_config handed out, "null" when none was
+  bool deleted = false;
+  bool publishing = false;  // the ingest holds a publisher with its key right now
+};
+
+// A destination as one session sees it; name and platform are copied at the session's start
+// so its list still reads well if the destination is removed meanwhile.
+struct SessionDestination {
+  std::string destinationId;
+  std::string platform;
+  std::string name;
+  std::string status;  // waiting, starting, live, error, ended
+  std::string errorMessage;
+};
+
 class Store {
  public:
   // Opens or creates the database at `path` (":memory:" for one that lives with the
@@ -117,6 +151,36 @@ class Store {
   void addSupportMessage(std::int64_t accountId, std::string_view json, std::int64_t now);
   int eventCount();
   int supportMessageCount();
+
+  // Its id is made here; returns it with the id.
+  Destination addDestination(Destination destination);
+  std::optional<Destination> destination(std::string_view id);
+  // In the order they were added; every account's when `accountId` is none.
+  std::vector<Destination> destinations(std::optional<std::int64_t> accountId);
+  void setDestinationEnabled(std::string_view id, bool enabled);
+  void setDestinationError(std::string_view id, std::string_view lastError);
+  bool removeDestination(std::string_view id);
+
+  void addStreamSession(const StreamSession& session,
+                        const std::vector<SessionDestination>& destinations, std::int64_t now);
+  std::optional<StreamSession> streamSession(std::string_view id);
+  std::optional<StreamSession> streamSessionByKey(std::string_view streamKey);
+  std::vector<SessionDestination> sessionDestinations(std::string_view sessionId);
+  // True when that destination is one of the session's.
+  bool setSessionDestination(std::string_view sessionId, std::string_view destinationId,
+                             std::string_view status, std::string_view errorMessage);
+  // Every destination of the session to `status` with no error; "ended" leaves an error
+  // standing, so the reason of a failure outlives the stream.
+  void setSessionDestinations(std::string_view sessionId, std::string_view status);
+  void setPublishing(std::string_view sessionId, bool publishing);
+  // True for the one caller that deletes it.
+  bool deleteStreamSession(std::string_view id);
+  bool isPublishing(std::int64_t accountId);
+  // At a start nothing is published yet, whatever a previous run left behind.
+  void forgetPublishing();
+
+  std::optional<std::string> embedUrl(std::int64_t accountId);
+  void setEmbedUrl(std::int64_t accountId, std::string_view url, std::int64_t now);
 
  private:
   sqlite3* db_ = nullptr;

@@ -21,6 +21,8 @@ TEST(DevCloudOptions, DefaultsAndEveryOptionInEitherForm) {
   EXPECT_EQ(d.accessTtlSeconds, 900);
   EXPECT_EQ(d.codeTtlSeconds, 600);
   EXPECT_TRUE(d.site.empty());
+  EXPECT_EQ(d.ingestPort, 0);  // picked at start
+  EXPECT_TRUE(d.ingest);
 
   const auto o =
       std::get<DevCloudOptions>(parse({"--port", "8080", "--db=/tmp/c.sqlite", "--access-ttl", "1",
@@ -30,11 +32,18 @@ TEST(DevCloudOptions, DefaultsAndEveryOptionInEitherForm) {
   EXPECT_EQ(o.accessTtlSeconds, 1);
   EXPECT_EQ(o.codeTtlSeconds, 2);
   EXPECT_EQ(o.site, "http://cloud.test:9000");  // links are built as site + path
+  EXPECT_TRUE(o.ingest);
+
+  const auto i =
+      std::get<DevCloudOptions>(parse({"--ingest-port=1936", "--no-ingest", "--port", "1"}));
+  EXPECT_EQ(i.ingestPort, 1936);
+  EXPECT_FALSE(i.ingest);
+  EXPECT_EQ(i.port, 1);
   EXPECT_TRUE(std::holds_alternative<DevCloudHelp>(parse({"--port", "1", "--help"})));
 }
 
 TEST(DevCloudOptions, RefusesWithOneLine) {
-  const std::vector<std::vector<const char*>> bad = {
+  std::vector<std::vector<const char*>> bad = {
       {"--port", "65536"},
       {"--port", "-1"},
       {"--port", "80x"},
@@ -48,6 +57,8 @@ TEST(DevCloudOptions, RefusesWithOneLine) {
       {"--port"},
       {"--verbose", "1"},
   };
+  bad.insert(bad.end(), {{"--ingest-port", "70000"}, {"--ingest-port", ""}, {"--no-ingest=yes"}});
+
   for (const auto& args : bad) {
     const auto result = parse(args);
     ASSERT_TRUE(std::holds_alternative<std::string>(result)) << args[0];

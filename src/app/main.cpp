@@ -20,6 +20,7 @@
 #include "audio/audio_engine.h"
 #include "cloud/account.h"
 #include "golive/rtmp_publisher.h"
+#include "outputs/movie_recorder.h"
 #include "phones/tcp_signaling_server.h"
 #include "platform/app.h"
 #include "platform/crypto.h"
@@ -50,6 +51,7 @@ struct Options {
   std::optional<double> forSeconds;
   std::optional<std::string> dataRoot;
   std::optional<std::string> publishURL;
+  std::optional<std::filesystem::path> recordFile;
   // The cloud's address: the local stand-in that scripts/run starts, unless told otherwise.
   std::string apiBase = "http://127.0.0.1:8790";
   // A web sign-in's answer, as the browser hands it to a new studio process.
@@ -62,6 +64,7 @@ struct Options {
 constexpr std::string_view kUsage =
     "usage: quorvane-studio [--headless] [--for SECONDS] [--data-root DIR] [--phones]\n"
     "                       [--phone-port N] [--phone-local-addr ADDRESS] [--publish URL]\n"
+    "                       [--record FILE.mp4|FILE.mov]\n"
     "                       [--api-base URL] [--sign-in EMAIL] [--go-live]\n"
     "                       [quorvanestudio:URL]\n";
 
@@ -122,7 +125,10 @@ std::optional<std::string> parse(int argc, char** argv, Options& options) {
     } else if (arg.starts_with(std::string(qvn::CloudAccount::kCallbackScheme) + ":")) {
       options.launchURL = std::string(arg);
     } else if (arg == "--record") {
-      return std::string(arg) + " is not part of this build yet";
+      auto file = value();
+      if (!file || !(file->ends_with(".mp4") || file->ends_with(".mov")))
+        return "--record needs a movie file ending in .mp4 or .mov";
+      options.recordFile = std::string(*file);
     } else {
       return "unknown option " + std::string(arg);
     }
@@ -280,7 +286,23 @@ int runStudio(const Options& options, qvn::MainQueue& main, const MainLoop& loop
       config.videoBitrate = config.height > 1080 ? 16'000'000 : 6'000'000;
       publisher->start(url.substr(0, cut), url.substr(cut + 1), 0, config);
     });
+  // Program and the mix's sound to a movie of the caller's naming, until the run ends.
+  auto recorder = std::dynamic_pointer_cast<qvn::MovieRecorder>(hubs.recorder);
+  if (options.recordFile && recorder)
+    main.async([&] {
+      const auto file = std::filesystem::absolute(*options.recordFile);
+      std::error_code ignored;
+      std::filesystem::create_directories(file.parent_path(), ignored);
+      recorder->recoverUnfinished(file.parent_path());
+      qvn::RecordOptions movie;
+      movie.container = file.extension() == ".mov" ? "mov" : "mp4";
+      if (!recorder->startFile(file, 0, {}, movie))
+        qvn::QvnLog::line("record: could not start " + file.string());
+    });
   loop.run();
+  // A recording under way becomes a whole movie before the process ends.
+  if (recorder && !recorder->finishBlocking(30))
+    qvn::QvnLog::line("record: the movie was still being finished at quit");
   actions.reset();
   window.reset();
   publisher->stop();

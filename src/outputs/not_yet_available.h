@@ -7,6 +7,12 @@ namespace qvn {
 
 class SessionRecorderNotYetAvailable final : public SessionRecorder {
  public:
+  std::optional<std::filesystem::path> start(int, RecordAudioSource, const RecordOptions&,
+                                             const std::optional<std::string>&) override {
+    return std::nullopt;
+  }
+  void stop() override {}
+  void recoverUnfinished(const std::filesystem::path&) override {}
   void detachTap(int) override {}
   void followAudioSlot(int) override {}
 };

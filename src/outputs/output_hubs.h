@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "outputs/record_options.h"
+
 namespace qvn {
 
 class SessionRecorder {
@@ -15,6 +17,16 @@ class SessionRecorder {
   virtual ~SessionRecorder() = default;
   // Recording started or stopped; the file when one was written. From the record queue.
   std::function<void(bool running, std::optional<std::filesystem::path> file)> onState;
+  // Starts a movie of `videoSlot` (0 is Program); the file, or none when it can't be
+  // written. A recording under way is finished first.
+  virtual std::optional<std::filesystem::path> start(
+      int videoSlot, RecordAudioSource audio, const RecordOptions& options,
+      const std::optional<std::string>& workspace) = 0;
+  virtual void stop() = 0;
+  // Movies left unfinished in `folder` by a crash are made playable, away from the caller's
+  // thread; `onRecovered` hears each one's name.
+  virtual void recoverUnfinished(const std::filesystem::path& folder) = 0;
+  std::function<void(const std::string& name)> onRecovered;
   virtual void detachTap(int slot) = 0;
   // A recording of Program follows the sound of the input on Program.
   virtual void followAudioSlot(int slot) = 0;

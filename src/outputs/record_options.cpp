@@ -1,8 +1,10 @@
 #include "outputs/record_options.h"
 
 #include <algorithm>
+#include <ctime>
 #include <initializer_list>
 #include <nlohmann/json.hpp>
+#include <vector>
 
 #include "platform/base64.h"
 
@@ -54,6 +56,45 @@ std::optional<RecordOptions> RecordOptions::fromJSON(std::string_view text) {
   if (auto it = j.find("folderBookmark"); it != j.end() && it->is_string())
     o.folderBookmark = base64Decode(it->get<std::string>());
   return o;
+}
+
+std::string RecordOptions::fileName(const std::optional<std::string>& workspace,
+                                    std::int64_t when) const {
+  auto replaceBlanks = [](std::string text, char with) {
+    std::replace(text.begin(), text.end(), ' ', with);
+    return text;
+  };
+  std::string first = prefix;
+  first.erase(0, first.find_first_not_of(" \t\r\n"));
+  first.erase(first.find_last_not_of(" \t\r\n") + 1);
+  std::vector<std::string> parts{first.empty() ? "Quorvane_Recording" : replaceBlanks(first, '_')};
+  if (includeWorkspace && workspace && !workspace->empty())
+    parts.push_back(replaceBlanks(*workspace, '-'));
+  const char* format = includeDate && includeTime ? "%Y-%m-%d_%H-%M-%S"
+                       : includeDate              ? "%Y-%m-%d"
+                       : includeTime              ? "%H-%M-%S"
+                                                  : nullptr;
+  if (format) {
+    const std::time_t t = when;
+    std::tm local{};
+    localtime_r(&t, &local);
+    char text[32];
+    std::strftime(text, sizeof text, format, &local);
+    parts.emplace_back(text);
+  }
+  std::string name;
+  for (const auto& part : parts) name += (name.empty() ? "" : "_") + part;
+  return name + "." + container;
+}
+
+std::filesystem::path RecordOptions::folderOr(const std::filesystem::path& fallback) const {
+  if (!folderBookmark || folderBookmark->empty()) return fallback;
+  return std::filesystem::path(std::string(folderBookmark->begin(), folderBookmark->end()));
+}
+
+std::int64_t RecordOptions::videoBitrate(int width, int height) const {
+  const std::int64_t q = quality == "low" ? 0 : quality == "medium" ? 1 : 2;
+  return std::max<std::int64_t>(std::int64_t(width) * height * (2 * q + 2), (q + 1) * 4'000'000);
 }
 
 RecordAudioSource RecordAudioSource::from(RecordAudioChoice choice) {

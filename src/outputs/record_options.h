@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,6 +25,13 @@ struct RecordOptions {
   bool includeWorkspace = false;
   std::optional<std::vector<std::uint8_t>> folderBookmark;
 
+  // "{prefix}[_{workspace}][_{date}_{time}].{container}", blanks made "_" in the prefix and
+  // "-" in the workspace; local time `when` (seconds since 1970).
+  std::string fileName(const std::optional<std::string>& workspace, std::int64_t when) const;
+  // The chosen folder, or `fallback` when none was chosen.
+  std::filesystem::path folderOr(const std::filesystem::path& fallback) const;
+  // The video bit rate for a picture size: more pixels and a higher quality ask for more.
+  std::int64_t videoBitrate(int width, int height) const;
   // Every key but folderBookmark must be present, and each text one of its values.
   std::string toJSON() const;
   static std::optional<RecordOptions> fromJSON(std::string_view json);

@@ -129,6 +129,8 @@ void CameraModel::wireHubs() {
           m.library = m.hubs_.mediaLibrary->items();
         }
       });
+  h.recorder->onRecovered =
+      hop([](CameraModel& m, std::string name) { m.flash("Recovered the recording " + name); });
   h.programOutput->onChange = hop([](CameraModel& m, bool on) { m.programOutOn = on; });
   h.programOutput->onHeadsChanged = hop([](CameraModel& m, int) {
     auto& out = *m.hubs_.programOutput;
@@ -266,6 +268,8 @@ void CameraModel::start() {
     if (auto alive = weak.lock()) alive->model->flash(text);
   };
   hubs_.updater->start();
+  // A recording a crash left unfinished is made playable, and the operator told once.
+  hubs_.recorder->recoverUnfinished(recordFolder());
 }
 
 std::optional<std::string> CameraModel::relaunchBlocker() const {

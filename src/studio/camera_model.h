@@ -163,6 +163,16 @@ class CameraModel {
   bool canSwapPiP() const;
   void swapPiP();
 
+  // ---- Recording ------------------------------------------------------------------------
+  // Program to a movie with the chosen sound; refused with a toast when there is nothing
+  // to record or the file can't be written.
+  void startRecord();
+  void stopRecord();
+  void toggleRecording();
+  // "12.3 GB free" for the recordings folder's disk; none when it can't be read.
+  std::optional<std::string> recordFreeSpaceLabel() const;
+  std::filesystem::path recordFolder() const;
+
   // ---- Go Live --------------------------------------------------------------------------
   // Opens the sheet; while no stream runs, it starts fresh and reloads the destinations.
   void toggleGoLive();
@@ -366,7 +376,6 @@ class CameraModel {
   bool recallSceneForKey(int functionKey);
   bool performDeckAction(QvnDeckAction action);
   void captureAllStills();
-  void toggleRecording();
   void flip(int slot);
   void panelDidChange(StudioPanel value);
   void panelSideEffects(StudioPanel panel);

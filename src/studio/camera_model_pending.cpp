@@ -19,7 +19,6 @@ bool CameraModel::performDeckAction(QvnDeckAction) {
 }
 void CameraModel::captureStill(int) {}
 void CameraModel::captureAllStills() {}
-void CameraModel::toggleRecording() {}
 void CameraModel::flip(int) {}
 
 // The key commands act through the window's key monitor.

@@ -1,13 +1,16 @@
 #include "studio/studio_hubs.h"
 
 #include <algorithm>
+#include <ctime>
 
 #include "audio/audio_engine.h"
 #include "audio/not_yet_available.h"
 #include "inputs/not_yet_available.h"
+#include "outputs/movie_recorder.h"
 #include "outputs/not_yet_available.h"
 #include "phones/tcp_signaling_server.h"
 #include "phones/webrtc_receiver_session.h"
+#include "platform/files.h"
 #include "platform/webrtc.h"
 #include "support/qvn_log.h"
 #include "video/mix_engine.h"
@@ -33,6 +36,38 @@ StudioHubs StudioHubs::make(const PhoneOptions& phones) {
   auto frames = std::make_shared<FrameHub>();
   auto mix = MixEngine::make(frames);
   auto audio = AudioEngine::make();
+  auto recorder = MovieRecorder::make({
+      .recordingsFolder = [] { return appPaths().moviesDir / "Quorvane" / "Recordings"; },
+      .clock = [weak = std::weak_ptr(audio)]() -> std::int64_t {
+        auto engine = weak.lock();
+        return engine ? engine->mix().streamFrames() : 0;
+      },
+      .recordBus =
+          [weak = std::weak_ptr(audio)](AudioEngine::Consumer consumer) {
+            if (auto engine = weak.lock()) engine->addBusConsumer("record", std::move(consumer));
+          },
+      .slotSize =
+          [frames](int slot) {
+            const auto size = frames->size(slot);
+            return std::pair{int(size.width), int(size.height)};
+          },
+      .canvasSize =
+          [] {
+            return std::pair{MixEngine::canvasWidth(), MixEngine::canvasHeight()};
+          },
+      .programSlot =
+          [weak = std::weak_ptr(mix)] {
+            auto engine = weak.lock();
+            return engine ? engine->programSlotMirror() : 0;
+          },
+      .makeWriter = MovieRecorder::movieFile,
+      .wallClock = [] { return std::int64_t(std::time(nullptr)); },
+  });
+  // Program reaches the recorder from the mix queue; the recorder only stamps and posts.
+  frames->setProgramTaps(nullptr,
+                         [weak = std::weak_ptr(recorder)](int slot, const PixelBufferRef& buffer) {
+                           if (auto r = weak.lock()) r->appendVideo(slot, buffer);
+                         });
   // Readied now, certificate and all, so the first phone doesn't wait for it.
   QvnLog::line(WebRTCStack::prepare());
   PhoneSinks sinks{
@@ -58,7 +93,7 @@ StudioHubs StudioHubs::make(const PhoneOptions& phones) {
       .media = std::make_shared<MediaSourceHubNotYetAvailable>(),
       .screenCapture = std::make_shared<ScreenCaptureHubNotYetAvailable>(),
       .ndi = std::make_shared<NDIHubNotYetAvailable>(),
-      .recorder = std::make_shared<SessionRecorderNotYetAvailable>(),
+      .recorder = recorder,
       .publisher = std::make_shared<GoLivePublisherNotYetAvailable>(),
       .programOutput = std::make_shared<ProgramOutputNotYetAvailable>(),
       .virtualCamera = std::make_shared<VirtualCameraControllerNotYetAvailable>(),

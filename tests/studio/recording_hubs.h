@@ -126,7 +126,12 @@ QVN_LOCAL(RecMedia, MediaSourceHub, std::map<int, bool> decks;  // slot to the d
 QVN_LOCAL(RecScreenCapture, ScreenCaptureHub, QVN_REC(void, start, (const Target& target, int slot), target.id, slot))
 QVN_LOCAL(RecNDI, NDIHub, std::optional<std::string> start(const NDISourceItem& source, int slot) override {
   return rec("start", source.name, slot), std::nullopt; })
-QVN_HUB(RecRecorder, SessionRecorder, QVN_REC(void, detachTap, (int slot), slot)
+QVN_HUB(RecRecorder, SessionRecorder, std::optional<std::filesystem::path> file;
+  std::optional<std::filesystem::path> start(int slot, RecordAudioSource audio, const RecordOptions&,
+                                             const std::optional<std::string>& workspace) override {
+    return rec("start", slot, int(audio.kind), workspace), file; }
+  QVN_REC(void, stop, ()) QVN_REC(void, detachTap, (int slot), slot)
+  QVN_REC(void, recoverUnfinished, (const std::filesystem::path& folder), folder.filename().string())
   QVN_REC(void, followAudioSlot, (int slot), slot))
 QVN_HUB(RecPublisher, GoLivePublisher, bool starts = true;
   QVN_REC(void, setProgramSlot, (int slot), slot) QVN_REC(void, stop, ())

@@ -48,7 +48,8 @@ TEST_F(StudioLifecycle, StartBringsTheStudioUpInItsFixedOrderOnce) {
       "externalHub.reconcileDevices", "mediaLibrary.items", "mediaLibrary.ensureFolders",
       "keys.install", "localCapture.authorization", "localCapture.listDevices", "cloud.restore",
       "overlays.setEnabled false", "overlays.pushToMix true", "stayAwake.start", "sleep.start",
-      "lifecycle.observeWillTerminate", "lifecycle.observeDidResignActive", "updater.start"};
+      "lifecycle.observeWillTerminate", "lifecycle.observeDidResignActive", "updater.start",
+      "recorder.recoverUnfinished Recordings"};
   EXPECT_EQ(trace.calls, expected);
   EXPECT_EQ(m.log().back(), "Ready on 10.0.0.7:8765  PIN " + m.pin());
   EXPECT_FALSE(m.phonesListening());  // the phone setting is off by default

@@ -52,6 +52,7 @@ struct Options {
   std::optional<std::string> dataRoot;
   std::optional<std::string> publishURL;
   std::optional<std::filesystem::path> recordFile;
+  std::string recordCodec = "h264";
   // The cloud's address: the local stand-in that scripts/run starts, unless told otherwise.
   std::string apiBase = "http://127.0.0.1:8790";
   // A web sign-in's answer, as the browser hands it to a new studio process.
@@ -64,7 +65,7 @@ struct Options {
 constexpr std::string_view kUsage =
     "usage: quorvane-studio [--headless] [--for SECONDS] [--data-root DIR] [--phones]\n"
     "                       [--phone-port N] [--phone-local-addr ADDRESS] [--publish URL]\n"
-    "                       [--record FILE.mp4|FILE.mov]\n"
+    "                       [--record FILE.mp4|FILE.mov] [--record-codec h264|hevc]\n"
     "                       [--api-base URL] [--sign-in EMAIL] [--go-live]\n"
     "                       [quorvanestudio:URL]\n";
 
@@ -129,6 +130,11 @@ std::optional<std::string> parse(int argc, char** argv, Options& options) {
       if (!file || !(file->ends_with(".mp4") || file->ends_with(".mov")))
         return "--record needs a movie file ending in .mp4 or .mov";
       options.recordFile = std::string(*file);
+    } else if (arg == "--record-codec") {
+      auto codec = value();
+      if (!codec || (*codec != "h264" && *codec != "hevc"))
+        return "--record-codec needs h264 or hevc";
+      options.recordCodec = std::string(*codec);
     } else {
       return "unknown option " + std::string(arg);
     }
@@ -296,6 +302,7 @@ int runStudio(const Options& options, qvn::MainQueue& main, const MainLoop& loop
       recorder->recoverUnfinished(file.parent_path());
       qvn::RecordOptions movie;
       movie.container = file.extension() == ".mov" ? "mov" : "mp4";
+      movie.codec = options.recordCodec;
       if (!recorder->startFile(file, 0, {}, movie))
         qvn::QvnLog::line("record: could not start " + file.string());
     });

@@ -1,0 +1,140 @@
+// Recording end to end: the headless studio records Program with a simulated phone on it, and
+// ffprobe and ffmpeg read the movie back. A studio killed outright mid-recording still
+// leaves a movie that plays, and the next start makes it a normal one.
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "platform/files.h"
+#include "testing/child_process.h"
+
+namespace qvn::test {
+namespace {
+
+using nlohmann::json;
+using namespace std::chrono_literals;
+
+class RecorderEndToEnd : public ::testing::Test {
+ protected:
+  RecorderEndToEnd() : work(makeTempDir("record")) {}
+  ~RecorderEndToEnd() override {
+    phone.reset();
+    studio.reset();
+    std::filesystem::remove_all(work);
+  }
+
+  // The studio recording `movie` for `seconds`, a phone joining at once.
+  void record(const std::string& movie, std::vector<std::string> extra, double seconds) {
+    std::vector<std::string> argv{QVN_STUDIO,
+                                  "--headless",
+                                  "--data-root",
+                                  (work / "data").string(),
+                                  "--api-base",
+                                  "http://127.0.0.1:9",
+                                  "--phones",
+                                  "--phone-port",
+                                  std::to_string(phonePort),
+                                  "--phone-local-addr",
+                                  "127.0.0.1",
+                                  "--record",
+                                  (work / movie).string(),
+                                  "--for",
+                                  std::to_string(seconds)};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    studio = std::make_unique<ChildProcess>(argv, work / "studio.out", work / "studio.err");
+    phone = std::make_unique<ChildProcess>(
+        std::vector<std::string>{QVN_PHONE_SIM, "--studio",
+                                 "127.0.0.1:" + std::to_string(phonePort), "--size", "1280x720",
+                                 "--loop", "--for", "60", "--local-addr", "127.0.0.1"},
+        work / "phone.out", work / "phone.err");
+  }
+  std::string studioLog() { return readFile(work / "studio.out").value_or(""); }
+  json probe(const std::string& movie) {
+    auto r = runProgram({findProgram("ffprobe"), "-v", "error", "-show_streams", "-show_format",
+                         "-of", "json", (work / movie).string()},
+                        30, work);
+    return json::parse(r.out, nullptr, false);
+  }
+  // Seconds of video that decode, and whether ffmpeg had anything to say.
+  std::pair<double, std::string> decode(const std::string& movie) {
+    auto r = runProgram({findProgram("ffmpeg"), "-v", "error", "-i", (work / movie).string(),
+                         "-map", "0:v", "-f", "null", "-"},
+                        60, work);
+    auto frames = runProgram(
+        {findProgram("ffprobe"), "-v", "error", "-count_frames", "-select_streams", "v",
+         "-show_entries", "stream=nb_read_frames", "-of", "csv=p=0", (work / movie).string()},
+        60, work);
+    return {std::atof(frames.out.c_str()) / 30.0, r.err};
+  }
+  static const json& streamOf(const json& info, const std::string& type) {
+    for (const auto& s : info["streams"])
+      if (s["codec_type"] == type) return s;
+    static const json none = json::object();
+    return none;
+  }
+
+  std::filesystem::path work;
+  std::uint16_t phonePort = freeLoopbackPorts(1)[0];
+  std::unique_ptr<ChildProcess> studio, phone;
+};
+
+TEST_F(RecorderEndToEnd, TenSecondsOfProgramPlayBackWithTheirSoundInStep) {
+  record("show.mp4", {}, 12);
+  ASSERT_TRUE(studio->wait(60)) << studioLog();
+  EXPECT_THAT(studioLog(), ::testing::HasSubstr("record finished show.mp4 status=completed"));
+  const json info = probe("show.mp4");
+  ASSERT_TRUE(info.is_object()) << studioLog();
+  const json& video = streamOf(info, "video");
+  const json& audio = streamOf(info, "audio");
+  EXPECT_EQ(video.value("codec_name", ""), "h264");
+  EXPECT_EQ(video.value("profile", ""), "Main");
+  EXPECT_EQ(video.value("width", 0), 1920);
+  EXPECT_EQ(video.value("height", 0), 1080);
+  EXPECT_EQ(audio.value("codec_name", ""), "aac");
+  EXPECT_EQ(audio.value("sample_rate", ""), "48000");
+  EXPECT_EQ(audio.value("channels", 0), 2);
+  const double videoStart = std::atof(video.value("start_time", "0").c_str());
+  const double audioStart = std::atof(audio.value("start_time", "0").c_str());
+  EXPECT_LT(std::abs(videoStart - audioStart), 0.05);
+  const double frames = std::atof(video.value("nb_frames", "0").c_str());
+  const double seconds = std::atof(video.value("duration", "0").c_str());
+  ASSERT_GT(seconds, 10);
+  EXPECT_NEAR(frames / seconds, 30, 1.5) << "frames " << frames << " in " << seconds << " s";
+  const auto [decoded, complaints] = decode("show.mp4");
+  EXPECT_EQ(complaints, "");
+}
+
+TEST_F(RecorderEndToEnd, HEVCInQuickTimeIsWrittenToo) {
+  record("show.mov", {"--record-codec", "hevc"}, 6);
+  ASSERT_TRUE(studio->wait(60)) << studioLog();
+  const json info = probe("show.mov");
+  EXPECT_EQ(streamOf(info, "video").value("codec_name", ""), "hevc");
+  EXPECT_EQ(streamOf(info, "audio").value("codec_name", ""), "aac");
+  EXPECT_THAT(info["format"].value("format_name", ""), ::testing::HasSubstr("mov"));
+  EXPECT_EQ(decode("show.mov").second, "");
+}
+
+TEST_F(RecorderEndToEnd, AStudioKilledMidRecordingLeavesAMovieThatPlaysAndIsMadeWholeAtStart) {
+  record("crash.mp4", {}, 60);
+  std::this_thread::sleep_for(8s);
+  kill(studio->pid(), SIGKILL);
+  studio->wait(10);
+  EXPECT_TRUE(std::filesystem::exists(work / "crash.mp4.recording"));
+  EXPECT_GE(decode("crash.mp4").first, 6.0) << studioLog();
+
+  // The next start recovers it once, and says so.
+  phone.reset();
+  record("next.mp4", {}, 3);
+  ASSERT_TRUE(studio->wait(60));
+  EXPECT_THAT(studioLog(), ::testing::HasSubstr("record recovered crash.mp4"));
+  EXPECT_FALSE(std::filesystem::exists(work / "crash.mp4.recording"));
+  const auto [seconds, complaints] = decode("crash.mp4");
+  EXPECT_GE(seconds, 6.0);
+  EXPECT_EQ(complaints, "");
+}
+
+}  // namespace
+}  // namespace qvn::test

@@ -4,8 +4,10 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <thread>
 
 #include "platform/files.h"
@@ -58,16 +60,20 @@ class RecorderEndToEnd : public ::testing::Test {
                         30, work);
     return json::parse(r.out, nullptr, false);
   }
-  // Seconds of video that decode, and whether ffmpeg had anything to say.
+  // How far the video runs, in seconds, and whether decoding it had anything to say.
   std::pair<double, std::string> decode(const std::string& movie) {
     auto r = runProgram({findProgram("ffmpeg"), "-v", "error", "-i", (work / movie).string(),
                          "-map", "0:v", "-f", "null", "-"},
                         60, work);
-    auto frames = runProgram(
-        {findProgram("ffprobe"), "-v", "error", "-count_frames", "-select_streams", "v",
-         "-show_entries", "stream=nb_read_frames", "-of", "csv=p=0", (work / movie).string()},
-        60, work);
-    return {std::atof(frames.out.c_str()) / 30.0, r.err};
+    auto packets =
+        runProgram({findProgram("ffprobe"), "-v", "error", "-select_streams", "v", "-show_entries",
+                    "packet=pts_time", "-of", "csv=p=0", (work / movie).string()},
+                   60, work);
+    double last = 0;
+    std::istringstream lines(packets.out);
+    for (std::string line; std::getline(lines, line);)
+      last = std::max(last, std::atof(line.c_str()));
+    return {last, r.err};
   }
   static const json& streamOf(const json& info, const std::string& type) {
     for (const auto& s : info["streams"])
@@ -102,7 +108,13 @@ TEST_F(RecorderEndToEnd, TenSecondsOfProgramPlayBackWithTheirSoundInStep) {
   const double frames = std::atof(video.value("nb_frames", "0").c_str());
   const double seconds = std::atof(video.value("duration", "0").c_str());
   ASSERT_GT(seconds, 10);
-  EXPECT_NEAR(frames / seconds, 30, 1.5) << "frames " << frames << " in " << seconds << " s";
+  // Built for the sanitizers the studio is several times slower: only the plain build can be
+  // held to the full rate.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  EXPECT_GT(frames / seconds, 15) << "frames " << frames << " in " << seconds << " s";
+#else
+  EXPECT_NEAR(frames / seconds, 30, 1) << "frames " << frames << " in " << seconds << " s";
+#endif
   const auto [decoded, complaints] = decode("show.mp4");
   EXPECT_EQ(complaints, "");
 }

@@ -62,6 +62,7 @@ CameraModel::CameraModel(StudioContext context)
 // Delayed work holds the model itself; none of it may run once the model is gone.
 CameraModel::~CameraModel() {
   toastTask_.cancel();
+  stillFlashWork_.cancel();
   persistWork_.cancel();
   audioSaveWork_.cancel();
   for (auto& [slot, check] : pictureChecks_) check.cancel();

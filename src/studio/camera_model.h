@@ -141,7 +141,10 @@ class CameraModel {
   // Keys and menu items; true when the action was taken up.
   bool perform(const QvnKeyAction& action);
   // A still of the input's newest picture, saved to the stills folder.
+  // Slot 0 (Program) as "Mix", an input as "Source-{n}", saved as a PNG in Stills.
   void captureStill(int slot);
+  // Every live input and Program.
+  void captureAllStills();
 
   // ---- Window ---------------------------------------------------------------------------
   // A panel's key: opens it, or closes it back to the inspector when it is already open; a
@@ -375,7 +378,6 @@ class CameraModel {
   void loadScenes();
   bool recallSceneForKey(int functionKey);
   bool performDeckAction(QvnDeckAction action);
-  void captureAllStills();
   void flip(int slot);
   void panelDidChange(StudioPanel value);
   void panelSideEffects(StudioPanel panel);
@@ -394,6 +396,7 @@ class CameraModel {
   bool terminateObserved_ = false;
   bool sleepObserved_ = false;
   DelayedWork toastTask_;
+  DelayedWork stillFlashWork_;
   DelayedWork persistWork_;
   DelayedWork audioSaveWork_;
   RepeatingTimer recordTimer_;

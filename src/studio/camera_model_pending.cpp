@@ -17,8 +17,6 @@ bool CameraModel::recallSceneForKey(int) {
 bool CameraModel::performDeckAction(QvnDeckAction) {
   return false;  // no media decks yet
 }
-void CameraModel::captureStill(int) {}
-void CameraModel::captureAllStills() {}
 void CameraModel::flip(int) {}
 
 // The key commands act through the window's key monitor.

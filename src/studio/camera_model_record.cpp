@@ -1,5 +1,5 @@
 // Recording Program to a movie: start and stop, the elapsed time and size while it runs,
-// and where the files go. Main thread.
+// and where the files go; and still pictures. Main thread.
 #include <cmath>
 #include <cstdio>
 #include <system_error>
@@ -7,6 +7,7 @@
 #include "platform/files.h"
 #include "studio/camera_model.h"
 #include "support/qvn_log.h"
+#include "video/still_capture.h"
 
 namespace qvn {
 
@@ -80,6 +81,34 @@ void CameraModel::startRecord() {
 
 void CameraModel::stopRecord() {
   hubs_.recorder->stop();
+}
+
+void CameraModel::captureStill(int slot) {
+  if (slot < 0) {
+    flash("Nothing to capture yet");
+    return;
+  }
+  const std::string name = slot == 0 ? "Mix" : "Source-" + std::to_string(slot);
+  stillFlash = true;
+  stillFlashWork_.cancel();
+  stillFlashWork_ = DelayedWork::schedule(main_, 0.18, [this] { stillFlash = false; });
+  const auto file = StillCapture::save(*hubs_.frames, slot, name);
+  if (!file) {
+    flash("No frame yet for that source");
+    return;
+  }
+  lastStillURL = file;
+  const auto size = hubs_.frames->size(slot);
+  flash("Screenshot saved · " + std::to_string(int(size.width)) + "×" +
+        std::to_string(int(size.height)));
+}
+
+void CameraModel::captureAllStills() {
+  int saved = 0;
+  for (int slot : liveInDisplayOrder())
+    if (StillCapture::save(*hubs_.frames, slot, "Source-" + std::to_string(slot))) ++saved;
+  if (StillCapture::save(*hubs_.frames, 0, "Mix")) ++saved;
+  flash(saved == 0 ? "Nothing to capture yet" : "Saved " + std::to_string(saved) + " screenshots");
 }
 
 }  // namespace qvn

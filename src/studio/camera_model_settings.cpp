@@ -124,6 +124,9 @@ void CameraModel::saveSettings() {
   setOrRemove("qvn.audibleSlotOverride", audibleSlotOverride());
   s.set("qvn.monitorFinalOutput", monitorFinalOutput());
   s.set("qvn.goLiveMixAudio", goLiveMixAudio());
+  const std::string options = recordOptions().toJSON();
+  s.set("qvn.recordOptions", SettingsBytes(options.begin(), options.end()));
+  s.set("qvn.recordAudioChoice", textOf(recordAudioChoice()));
   s.set("qvn.auxOutputOn", auxOutputOn());
   setOrRemove("qvn.auxOutputDeviceID", auxOutputDeviceID());
   s.set("qvn.auxOutputVolume", single(auxOutputVolume()));

@@ -22,6 +22,7 @@
 #include "ui/monitor_view.h"
 #include "ui/panel_rail.h"
 #include "ui/qvn_style.h"
+#include "ui/record_controls.h"
 #include "ui/sign_in_view.h"
 #include "ui/sources_strip.h"
 #include "ui/transport_column.h"
@@ -73,6 +74,7 @@ MainWindow::MainWindow(CameraModel& model, FrameHub& frames, Defaults& settings,
       rail_(new PanelRail(model, settings)),
       pairing_(new QLabel),
       mode_(new QLabel),
+      record_(new RecordControls(model)),
       goLive_(new QPushButton("Go Live")),
       toast_(new QLabel),
       log_(new QListWidget),
@@ -186,6 +188,7 @@ QWidget* MainWindow::makeHeader() {
   layout->addWidget(pairing_, 0, Qt::AlignVCenter);
   layout->addSpacing(8);
   layout->addWidget(logButton_, 0, Qt::AlignVCenter);
+  layout->addWidget(record_, 0, Qt::AlignVCenter);
   layout->addWidget(goLive_, 0, Qt::AlignVCenter);
   return header;
 }

@@ -1,9 +1,10 @@
 // The studio window "Quorvane Studio": the sign-in screen while nobody is signed in, else the
-// studio: the header with its Go Live button, Preview and Program with the transport
-// column between them, the Sources strip, the panel rail, the toast, the log drawer and the
-// Go Live sheet over them. A sign-in lost during a stream keeps the studio up until it ends.
-// Keys 1–9 pick an input and Ctrl with a panel's digit opens the panel, wherever the focus
-// is but a text field. The window keeps its frame between launches. Main thread.
+// studio: the header with its record controls and Go Live button, Preview and Program with
+// the transport column between them, the Sources strip, the panel rail, the toast, the log
+// drawer and the Go Live sheet over them. A sign-in lost during a stream keeps the studio up
+// until it ends. Keys 1–9 pick an input and Ctrl with a panel's digit opens the panel,
+// wherever the focus is but a text field. The window keeps its frame between launches. Main
+// thread.
 #pragma once
 
 #include <QMainWindow>
@@ -33,6 +34,7 @@ namespace qvn::ui {
 class GoLiveSheet;
 class MonitorView;
 class PanelRail;
+class RecordControls;
 class SignInView;
 class SourcesStrip;
 class TransportColumn;
@@ -62,6 +64,7 @@ class MainWindow : public QMainWindow {
   // The Go Live sheet; none without an account to stream with.
   GoLiveSheet* goLiveSheet() { return goLiveSheet_; }
   QPushButton& goLiveButton() { return *goLive_; }
+  RecordControls& recordControls() { return *record_; }
   // Whether the studio, rather than the sign-in screen, is up.
   bool showsStudio() const;
 
@@ -95,6 +98,7 @@ class MainWindow : public QMainWindow {
   PanelRail* rail_;
   QLabel* pairing_;
   QLabel* mode_;
+  RecordControls* record_;
   QPushButton* goLive_;
   std::optional<bool> goLiveStyledRunning_;
   QLabel* toast_;

@@ -108,16 +108,22 @@ class GoLiveEndToEnd : public ::testing::Test {
         work / "phone.out", work / "phone.err");
   }
   std::string studioLog() { return readFile(studioOut).value_or(""); }
-  // The streams ffprobe finds at `url`, as "h264" and "aac".
+  // The streams ffprobe finds at `url`, as "h264" and "aac". The relay reaches a destination
+  // some seconds after the studio is live (it probes the stream first), so ask until both
+  // are there, for at most half a minute.
   std::vector<std::string> codecsAt(const std::string& url) {
-    auto r = runProgram({findProgram("ffprobe"), "-v", "error", "-rw_timeout", "8000000",
-                         "-show_entries", "stream=codec_name", "-of", "csv=p=0", url},
-                        20, work);
     std::vector<std::string> codecs;
-    std::istringstream lines(r.out);
-    for (std::string line; std::getline(lines, line);)
-      if (!line.empty()) codecs.push_back(line);
-    std::sort(codecs.begin(), codecs.end());
+    const auto until = std::chrono::steady_clock::now() + 30s;
+    while (codecs.size() < 2 && std::chrono::steady_clock::now() < until) {
+      auto r = runProgram({findProgram("ffprobe"), "-v", "error", "-rw_timeout", "8000000",
+                           "-show_entries", "stream=codec_name", "-of", "csv=p=0", url},
+                          20, work);
+      codecs.clear();
+      std::istringstream lines(r.out);
+      for (std::string line; std::getline(lines, line);)
+        if (!line.empty()) codecs.push_back(line);
+      std::sort(codecs.begin(), codecs.end());
+    }
     return codecs;
   }
 

@@ -95,15 +95,19 @@ void settle(int milliseconds = 100) {
 
 // Answers the stop question with `answer` once it is up, and keeps its text.
 void answerStopQuestion(const QString& answer, QString& asked) {
+  // The pending timer holds the attempt, so nothing keeps it once the box is answered.
   auto attempt = std::make_shared<std::function<void()>>();
-  *attempt = [attempt, answer, &asked] {
+  *attempt = [weak = std::weak_ptr(attempt), answer, &asked] {
     auto* box = dynamic_cast<QMessageBox*>(QApplication::activeModalWidget());
-    if (!box) return QTimer::singleShot(10, *attempt);
+    if (!box) {
+      if (auto again = weak.lock()) QTimer::singleShot(10, [again] { (*again)(); });
+      return;
+    }
     asked = box->text();
     for (QAbstractButton* b : box->buttons())
       if (b->text() == answer) b->click();
   };
-  QTimer::singleShot(0, *attempt);
+  QTimer::singleShot(0, [attempt] { (*attempt)(); });
 }
 
 class GoLiveSheetUI : public StudioFixture {

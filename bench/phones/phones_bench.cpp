@@ -25,20 +25,20 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <vector>
 
+#include "common/bench_run.h"
+#include "common/studio_run.h"
 #include "testing/child_process.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using namespace qvn::bench;
 using namespace qvn::test;
-using Clock = std::chrono::steady_clock;
 
 constexpr int kWidth = 1280, kHeight = 720, kFps = 30;
 constexpr int kCases[] = {0, 1, 2};
@@ -47,113 +47,11 @@ constexpr double kSkipSeconds = 2;
 // After the phones say bye: time for the studio to let them go, then a short look.
 constexpr double kAfterSettleSeconds = 2;
 constexpr double kAfterSeconds = 3;
-// How often the studio's log is read while waiting for a line: the figures in ms are this
-// coarse, and the studio's own real-time lines may come up to 20 ms late.
-constexpr auto kPollEvery = std::chrono::milliseconds(2);
 // Liveness bounds only.
-constexpr double kListenSeconds = 20;
-constexpr double kFirstFrameSeconds = 30;
 constexpr double kByeSeconds = 10;
 constexpr double kStopSeconds = 10;
 // A thread under this in every case is folded into one line of the breakdown.
 constexpr double kThreadShown = 0.002;
-
-struct Settings {
-  double seconds = 10;
-  int repetitions = 3;
-  std::string jsonPath;
-};
-
-double secondsOf(Clock::duration d) {
-  return std::chrono::duration<double>(d).count();
-}
-
-double median(std::vector<double> values) {
-  std::erase_if(values, [](double v) { return std::isnan(v); });
-  if (values.empty()) return NAN;
-  std::sort(values.begin(), values.end());
-  const size_t n = values.size();
-  return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
-
-std::string readText(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-// The number right after `prefix` in `line`, when `suffix` follows it.
-std::optional<int> numberBetween(std::string_view line, std::string_view prefix,
-                                 std::string_view suffix) {
-  const auto at = line.find(prefix);
-  if (at == std::string_view::npos) return std::nullopt;
-  std::string_view rest = line.substr(at + prefix.size());
-  int value = 0;
-  size_t digits = 0;
-  while (digits < rest.size() && rest[digits] >= '0' && rest[digits] <= '9')
-    value = value * 10 + (rest[digits++] - '0');
-  if (digits == 0 || !rest.substr(digits).starts_with(suffix)) return std::nullopt;
-  return value;
-}
-
-// The studio's log as it grows, each line stamped with when this side first saw it.
-class LogTail {
- public:
-  explicit LogTail(fs::path file) : file_(std::move(file)) {}
-
-  struct Line {
-    std::string text;
-    Clock::time_point seen;
-  };
-
-  // Reads what was added since the last call; the new complete lines.
-  std::vector<Line> poll() {
-    std::vector<Line> lines;
-    std::ifstream in(file_, std::ios::binary);
-    if (!in) return lines;
-    in.seekg(std::streamoff(offset_));
-    std::string chunk((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    offset_ += chunk.size();
-    partial_ += chunk;
-    const auto now = Clock::now();
-    for (size_t end; (end = partial_.find('\n')) != std::string::npos;) {
-      lines.push_back({partial_.substr(0, end), now});
-      partial_.erase(0, end + 1);
-    }
-    all_.insert(all_.end(), lines.begin(), lines.end());
-    return lines;
-  }
-  const std::vector<Line>& all() const { return all_; }
-
- private:
-  fs::path file_;
-  size_t offset_ = 0;
-  std::string partial_;
-  std::vector<Line> all_;
-};
-
-struct ThreadSample {
-  std::string name;
-  double cpu = 0;
-};
-
-// Every live thread of `pid`: its name with the digits left out, so the same GStreamer
-// element in two pipelines adds up ("queue3:src" and "queue5:src" are both "queue:src"),
-// and its time on a CPU.
-std::map<std::string, ThreadSample> threadsOf(pid_t pid) {
-  std::map<std::string, ThreadSample> threads;
-  std::error_code error;
-  for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
-    std::string name = readText(task.path() / "comm");
-    std::erase_if(name, [](char c) { return c == '\n' || (c >= '0' && c <= '9'); });
-    std::ifstream stat(task.path() / "schedstat");
-    double ns = 0;
-    if (!(stat >> ns)) continue;
-    threads[task.path().filename().string()] = {name, ns * 1e-9};
-  }
-  return threads;
-}
 
 struct PhoneRun {
   std::string name;
@@ -192,29 +90,23 @@ double framesIn(const fs::path& frameLog, Clock::time_point from, Clock::time_po
   return count;
 }
 
-std::string tailOf(const fs::path& file, size_t bytes = 600) {
-  const std::string text = readText(file);
-  return text.size() > bytes ? "…" + text.substr(text.size() - bytes) : text;
-}
-
-Sample runCase(int phones, int repetition, const fs::path& work, const Settings& settings) {
+Sample runCase(int phones, int repetition, const fs::path& work, const RunSettings& settings) {
   Sample sample{.phones = phones};
   const std::string tag = std::to_string(phones) + "-" + std::to_string(repetition);
   const fs::path root = work / ("root-" + tag), studioLog = work / ("studio-" + tag + ".log");
   const std::uint16_t port = freeLoopbackPorts(1).at(0);
-  ChildProcess studio({QVN_STUDIO, "--headless", "--phones", "--phone-port", std::to_string(port),
-                       "--phone-local-addr", "127.0.0.1", "--data-root", root.string()},
-                      studioLog, studioLog);
+  ChildProcess studio(studioCommand(port, root), studioLog, studioLog);
   LogTail log(studioLog);
   // Reads the log until `done` says so, the studio ends, `gaveUp` says so, or `limit` passes.
   auto waitFor = [&](double limit, auto&& done, auto&& gaveUp) {
-    const auto deadline = Clock::now() + std::chrono::duration<double>(limit);
-    for (;;) {
-      for (const auto& line : log.poll())
-        if (done(line)) return true;
-      if (!studio.running() || gaveUp() || Clock::now() >= deadline) return false;
-      std::this_thread::sleep_for(kPollEvery);
-    }
+    return pollUntil(
+        studio, limit,
+        [&] {
+          for (const auto& line : log.poll())
+            if (done(line)) return true;
+          return false;
+        },
+        gaveUp);
   };
   const auto never = [] { return false; };
 
@@ -235,13 +127,9 @@ Sample runCase(int phones, int repetition, const fs::path& work, const Settings&
     const fs::path simLog = work / (run.name + "-" + tag + ".log");
     const fs::path frameLog = work / (run.name + "-" + tag + ".frames");
     startedAt.push_back(Clock::now());
-    sims.push_back(std::make_unique<ChildProcess>(
-        std::vector<std::string>{QVN_PHONE_SIM, "--studio", "127.0.0.1:" + std::to_string(port),
-                                 "--local-addr", "127.0.0.1", "--size",
-                                 std::to_string(kWidth) + "x" + std::to_string(kHeight), "--fps",
-                                 std::to_string(kFps), "--loop", "--name", run.name, "--for",
-                                 std::to_string(int(simSeconds)), "--frame-log", frameLog.string()},
-        simLog, simLog));
+    auto command = phoneSimCommand(port, kWidth, kHeight, kFps, run.name, int(simSeconds));
+    command.insert(command.end(), {"--frame-log", frameLog.string()});
+    sims.push_back(std::make_unique<ChildProcess>(command, simLog, simLog));
   }
 
   std::map<int, Clock::time_point> offers;
@@ -254,9 +142,9 @@ Sample runCase(int phones, int repetition, const fs::path& work, const Settings&
             for (PhoneRun& run : sample.runs)
               if (auto slot = numberBetween(l.text, "Cam ", " reserved for " + run.name);
                   slot && l.text.ends_with(" reserved for " + run.name))
-                run.slot = *slot;
+                run.slot = int(*slot);
             if (auto slot = numberBetween(l.text, "Cam ", " offer m="))
-              offers.try_emplace(*slot, l.seen);
+              offers.try_emplace(int(*slot), l.seen);
             if (auto slot = numberBetween(l.text, "cam ", " first frame")) {
               for (size_t i = 0; i < sample.runs.size(); ++i) {
                 PhoneRun& run = sample.runs[i];
@@ -304,11 +192,7 @@ Sample runCase(int phones, int repetition, const fs::path& work, const Settings&
   }
   sample.studioCpu = (*studio1 - *studio0) / sample.window;
   sample.threads = int(threads1.size());
-  for (const auto& [tid, thread] : threads1) {
-    const auto before = threads0.find(tid);
-    sample.threadCpu[thread.name] +=
-        thread.cpu - (before == threads0.end() ? 0 : before->second.cpu);
-  }
+  sample.threadCpu = threadCpuBetween(threads0, threads1);
   for (size_t i = 0; i < sims.size(); ++i) {
     PhoneRun& run = sample.runs[i];
     if (sims0[i] && sims1[i]) run.cpu = (*sims1[i] - *sims0[i]) / sample.window;
@@ -417,13 +301,6 @@ Summary summarize(int phones, const std::vector<Sample>& samples) {
   return s;
 }
 
-std::string cell(double v, const char* format) {
-  if (std::isnan(v)) return "-";
-  char text[32];
-  std::snprintf(text, sizeof text, format, v);
-  return text;
-}
-
 std::string cells(const std::vector<double>& values, const char* format) {
   if (values.empty()) return "-";
   std::string text;
@@ -435,9 +312,7 @@ std::string caseName(int phones) {
   return phones == 0 ? "idle" : std::to_string(phones) + (phones == 1 ? " phone" : " phones");
 }
 
-nlohmann::json jsonOf(double v) {
-  return std::isnan(v) ? nlohmann::json(nullptr) : nlohmann::json(v);
-}
+using qvn::bench::jsonOf;
 
 nlohmann::json jsonOf(const std::vector<double>& values) {
   nlohmann::json j = nlohmann::json::array();
@@ -445,15 +320,9 @@ nlohmann::json jsonOf(const std::vector<double>& values) {
   return j;
 }
 
-int run(const Settings& settings) {
-  const fs::path work = makeTempDir("phones-bench");
-  struct Cleanup {
-    fs::path dir;
-    ~Cleanup() {
-      std::error_code ignored;
-      fs::remove_all(dir, ignored);
-    }
-  } cleanup{work};
+int run(const RunSettings& settings) {
+  const TempDir temp("phones-bench");
+  const fs::path& work = temp.path;
 
   std::printf(
       "qvn-bench-phones: the headless studio with 0, 1 and 2 phones (%dx%d at %d/s, looped), "
@@ -523,53 +392,24 @@ int run(const Settings& settings) {
       kAfterSeconds, kAfterSettleSeconds);
 
   // Where the studio's CPU goes, by thread name.
-  std::map<std::string, double> largest;
-  for (const Summary& s : summaries)
-    for (const auto& [name, cpu] : s.threadCpu) largest[name] = std::max(largest[name], cpu);
-  std::vector<std::string> shown;
-  for (const auto& [name, cpu] : largest)
-    if (cpu >= kThreadShown) shown.push_back(name);
-  const Summary& most = summaries.back();
-  std::sort(shown.begin(), shown.end(), [&](const std::string& a, const std::string& b) {
-    const auto x = most.threadCpu.find(a), y = most.threadCpu.find(b);
-    return (x == most.threadCpu.end() ? 0 : x->second) >
-           (y == most.threadCpu.end() ? 0 : y->second);
-  });
-  std::printf("\n%-18s", "studio thread");
-  for (const Summary& s : summaries) std::printf(" %10s", caseName(s.phones).c_str());
-  std::printf("\n");
-  auto cpuOf = [](const Summary& s, const std::string& name) {
-    const auto it = s.threadCpu.find(name);
-    return it == s.threadCpu.end() ? 0.0 : it->second;
-  };
-  for (const std::string& name : shown) {
-    std::printf("%-18s", name.c_str());
-    for (const Summary& s : summaries) std::printf(" %10.4f", cpuOf(s, name));
-    std::printf("\n");
-  }
-  std::printf("%-18s", "(the rest)");
+  std::vector<std::string> caseNames;
+  std::vector<std::map<std::string, double>> threadCpu;
   for (const Summary& s : summaries) {
-    double rest = 0;
-    for (const auto& [name, cpu] : s.threadCpu)
-      if (std::find(shown.begin(), shown.end(), name) == shown.end()) rest += cpu;
-    std::printf(" %10.4f", rest);
+    caseNames.push_back(caseName(s.phones));
+    threadCpu.push_back(s.threadCpu);
   }
+  printThreadTable(caseNames, threadCpu, kThreadShown);
   std::printf(
       "\nCPU s/s by thread name over all the windows, digits left out of the name (one row "
       "adds up the same element of every pipeline); a thread that ended in a window is not "
       "counted.\n");
 
   if (!settings.jsonPath.empty()) {
-    nlohmann::json j;
+    nlohmann::json j = runJson(settings, kSkipSeconds);
     j["width"] = kWidth;
     j["height"] = kHeight;
     j["fps"] = kFps;
-    j["windowSeconds"] = settings.seconds;
-    j["skipSeconds"] = kSkipSeconds;
-    j["repetitions"] = settings.repetitions;
     for (const Summary& s : summaries) {
-      nlohmann::json threads = nlohmann::json::object();
-      for (const auto& [name, cpu] : s.threadCpu) threads[name] = cpu;
       j["cases"].push_back({{"phones", s.phones},
                             {"measured", s.measured},
                             {"studioCpuPerSecond", jsonOf(s.studioCpu)},
@@ -583,7 +423,7 @@ int run(const Settings& settings) {
                             {"threads", jsonOf(s.threads)},
                             {"afterByeCpuPerSecond", jsonOf(s.afterCpu)},
                             {"afterByeThreads", jsonOf(s.afterThreads)},
-                            {"threadCpuPerSecond", threads}});
+                            {"threadCpuPerSecond", nlohmann::json(s.threadCpu)}});
     }
     for (const Sample& x : samples) {
       nlohmann::json runs = nlohmann::json::array();
@@ -606,12 +446,7 @@ int run(const Settings& settings) {
                               {"phoneRuns", runs},
                               {"failure", x.failure}});
     }
-    std::ofstream out(settings.jsonPath);
-    out << j.dump(2) << "\n";
-    if (!out.flush()) {
-      std::fprintf(stderr, "qvn-bench-phones: can't write %s\n", settings.jsonPath.c_str());
-      return 1;
-    }
+    if (!writeJson(j, settings.jsonPath, "qvn-bench-phones")) return 1;
   }
   for (const Summary& s : summaries)
     if (s.measured == 0) return 1;
@@ -621,39 +456,11 @@ int run(const Settings& settings) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  Settings settings;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    auto value = [&]() -> std::string {
-      if (i + 1 >= argc) {
-        std::fprintf(stderr, "qvn-bench-phones: %s needs a value\n", arg.c_str());
-        std::exit(2);
-      }
-      return argv[++i];
-    };
-    try {
-      if (arg == "--json")
-        settings.jsonPath = value();
-      else if (arg == "--seconds")
-        settings.seconds = std::stod(value());
-      else if (arg == "--repetitions")
-        settings.repetitions = std::stoi(value());
-      else
-        throw std::invalid_argument(arg);
-    } catch (const std::exception&) {
-      std::fprintf(stderr,
-                   "usage: qvn-bench-phones [--seconds N] [--repetitions N] [--json FILE]\n");
-      return 2;
-    }
-  }
+  RunSettings settings{.seconds = 10, .repetitions = 3};
+  if (!readRunOptions(argc, argv, "qvn-bench-phones", settings)) return 2;
   if (settings.seconds < 1 || settings.repetitions < 1) {
     std::fprintf(stderr, "qvn-bench-phones: --seconds and --repetitions need 1 or more\n");
     return 2;
   }
-  try {
-    return run(settings);
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "qvn-bench-phones: %s\n", e.what());
-    return 1;
-  }
+  return runReporting("qvn-bench-phones", [&] { return run(settings); });
 }

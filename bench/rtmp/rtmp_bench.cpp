@@ -30,6 +30,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/bench_run.h"
 #include "golive/flv_tags.h"
 #include "golive/nginx_ingest.h"
 #include "golive/paced_publisher.h"
@@ -248,14 +249,8 @@ std::string bytesText(double bytes) {
 int run(const Settings& settings) {
   const std::string ffmpeg = findProgram("ffmpeg");
   if (ffmpeg.empty()) throw std::runtime_error("ffmpeg is not installed (scripts/setup does)");
-  const fs::path work = makeTempDir("rtmp-bench");
-  struct Cleanup {
-    fs::path dir;
-    ~Cleanup() {
-      std::error_code ignored;
-      fs::remove_all(dir, ignored);
-    }
-  } cleanup{work};
+  const bench::TempDir temp("rtmp-bench");
+  const fs::path& work = temp.path;
 
   // Small real frames, so the stream decodes; the bitrate comes from padding them.
   const fs::path base = work / "base.flv";
@@ -364,12 +359,7 @@ int run(const Settings& settings) {
                             {"keptUp", s.keptUp},
                             {"note", s.note}});
     j["largestKeptUpBytes"] = largest ? nlohmann::json(*largest) : nlohmann::json(nullptr);
-    std::ofstream out(settings.jsonPath);
-    out << j.dump(2) << "\n";
-    if (!out.flush()) {
-      std::fprintf(stderr, "qvn-bench-rtmp: can't write %s\n", settings.jsonPath.c_str());
-      return 1;
-    }
+    if (!bench::writeJson(j, settings.jsonPath, "qvn-bench-rtmp")) return 1;
   }
   return 0;
 }
@@ -380,13 +370,7 @@ int main(int argc, char** argv) {
   Settings settings;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
-    auto value = [&]() -> std::string {
-      if (i + 1 >= argc) {
-        std::fprintf(stderr, "qvn-bench-rtmp: %s needs a value\n", arg.c_str());
-        std::exit(2);
-      }
-      return argv[++i];
-    };
+    auto value = [&] { return bench::optionValue(i, argc, argv, "qvn-bench-rtmp"); };
     if (arg == "--json")
       settings.jsonPath = value();
     else if (arg == "--seconds")
@@ -403,10 +387,5 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "qvn-bench-rtmp: --seconds needs 3 or more, --step-seconds 1 or more\n");
     return 2;
   }
-  try {
-    return run(settings);
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "qvn-bench-rtmp: %s\n", e.what());
-    return 1;
-  }
+  return bench::runReporting("qvn-bench-rtmp", [&] { return run(settings); });
 }

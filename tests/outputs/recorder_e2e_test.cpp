@@ -147,7 +147,10 @@ TEST_F(RecorderEndToEnd, AStudioKilledMidRecordingLeavesAMovieThatPlaysAndIsMade
   kill(studio->pid(), SIGKILL);
   studio->wait(10);
   EXPECT_TRUE(std::filesystem::exists(work / "crash.mp4.recording"));
-  EXPECT_GE(decode("crash.mp4").first, 6.0) << studioLog();
+  // What may be lost is the fragment still open (a keyframe every two seconds) and the
+  // encoder's first moments on a loaded machine; the rest must play.
+  constexpr double kSurvives = 5.0;
+  EXPECT_GE(decode("crash.mp4").first, kSurvives) << studioLog();
 
   // The next start recovers it once, and says so.
   phone.reset();
@@ -156,7 +159,7 @@ TEST_F(RecorderEndToEnd, AStudioKilledMidRecordingLeavesAMovieThatPlaysAndIsMade
   EXPECT_THAT(studioLog(), ::testing::HasSubstr("record recovered crash.mp4"));
   EXPECT_FALSE(std::filesystem::exists(work / "crash.mp4.recording"));
   const auto [seconds, complaints] = decode("crash.mp4");
-  EXPECT_GE(seconds, 6.0);
+  EXPECT_GE(seconds, kSurvives);
   EXPECT_EQ(complaints, "");
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -105,6 +106,32 @@ std::map<std::string, double> threadCpuBetween(const std::map<std::string, Threa
     cpu[thread.name] += thread.cpu - (then == before.end() ? 0 : then->second.cpu);
   }
   return cpu;
+}
+
+MovieProbe probeMovie(const fs::path& movie, const fs::path& work, double limitSeconds,
+                      std::string& failure) {
+  MovieProbe probe;
+  const std::string ffprobe = test::findProgram("ffprobe");
+  if (ffprobe.empty()) {
+    failure = "no ffprobe to read the movie";
+    return probe;
+  }
+  const test::RunResult r =
+      test::runProgram({ffprobe, "-v", "error", "-select_streams", "v:0", "-show_entries",
+                        "stream=nb_frames,duration:packet=pts_time", "-of", "json", movie.string()},
+                       limitSeconds, work);
+  const auto info = nlohmann::json::parse(r.out, nullptr, false);
+  if (!r.succeeded() || !info.is_object() || !info.contains("streams") || info["streams"].empty()) {
+    failure = "ffprobe couldn't read the movie: " + r.describe();
+    return probe;
+  }
+  const auto& stream = info["streams"][0];
+  probe.frames = std::atof(stream.value("nb_frames", "nan").c_str());
+  probe.seconds = std::atof(stream.value("duration", "nan").c_str());
+  for (const auto& packet : info.value("packets", nlohmann::json::array()))
+    if (packet.contains("pts_time"))
+      probe.times.push_back(std::atof(packet["pts_time"].get<std::string>().c_str()));
+  return probe;
 }
 
 std::vector<std::string> studioCommand(std::uint16_t port, const fs::path& root) {

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cmath>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -102,6 +103,16 @@ std::vector<std::string> studioCommand(std::uint16_t port, const std::filesystem
 // A simulated phone looping its picture to the studio on loopback `port` for `forSeconds`.
 std::vector<std::string> phoneSimCommand(std::uint16_t port, int width, int height, int fps,
                                          const std::string& name, int forSeconds);
+
+// The movie's pictures per ffprobe: their count, their seconds, and each one's time.
+struct MovieProbe {
+  double frames = NAN, seconds = NAN;
+  std::vector<double> times;
+};
+// Reads `movie` with ffprobe (keeping its output under `work`), bounded by `limitSeconds`;
+// `failure` says why when it couldn't.
+MovieProbe probeMovie(const std::filesystem::path& movie, const std::filesystem::path& work,
+                      double limitSeconds, std::string& failure);
 
 // The "studio thread" table: a row per thread name over `shownFrom` s/s in some case, the
 // largest in the last case first, and a row for the rest; a column per case.

@@ -117,37 +117,6 @@ struct Sample {
   std::string failure;
 };
 
-// The movie's pictures per ffprobe: their count, their seconds, and each one's time.
-struct MovieProbe {
-  double frames = NAN, seconds = NAN;
-  std::vector<double> times;
-};
-
-MovieProbe probeMovie(const fs::path& movie, const fs::path& work, std::string& failure) {
-  MovieProbe probe;
-  const std::string ffprobe = findProgram("ffprobe");
-  if (ffprobe.empty()) {
-    failure = "no ffprobe to read the movie";
-    return probe;
-  }
-  const RunResult r =
-      runProgram({ffprobe, "-v", "error", "-select_streams", "v:0", "-show_entries",
-                  "stream=nb_frames,duration:packet=pts_time", "-of", "json", movie.string()},
-                 kProbeSeconds, work);
-  const auto info = nlohmann::json::parse(r.out, nullptr, false);
-  if (!r.succeeded() || !info.is_object() || !info.contains("streams") || info["streams"].empty()) {
-    failure = "ffprobe couldn't read the movie: " + r.describe();
-    return probe;
-  }
-  const auto& stream = info["streams"][0];
-  probe.frames = std::atof(stream.value("nb_frames", "nan").c_str());
-  probe.seconds = std::atof(stream.value("duration", "nan").c_str());
-  for (const auto& packet : info.value("packets", nlohmann::json::array()))
-    if (packet.contains("pts_time"))
-      probe.times.push_back(std::atof(packet["pts_time"].get<std::string>().c_str()));
-  return probe;
-}
-
 Sample runCase(size_t which, int repetition, const fs::path& work, NginxIngest& ingest,
                const RunSettings& settings) {
   const Case& c = kCases[which];
@@ -275,7 +244,7 @@ Sample runCase(size_t which, int repetition, const fs::path& work, NginxIngest& 
       sample.failure += (sample.failure.empty() ? "" : "; ") +
                         std::string("no completed recording in the log: ") + tailOf(studioLog, 300);
     std::string failure;
-    const MovieProbe probe = probeMovie(movie, work, failure);
+    const MovieProbe probe = probeMovie(movie, work, kProbeSeconds, failure);
     if (!failure.empty()) sample.failure += (sample.failure.empty() ? "" : "; ") + failure;
     sample.movieFrames = probe.frames;
     sample.movieSeconds = probe.seconds;

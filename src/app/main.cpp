@@ -17,6 +17,8 @@
 #include <typeinfo>
 
 #include "app/headless_actions.h"
+#include "app/headless_show.h"
+#include "app/health_log.h"
 #include "audio/audio_engine.h"
 #include "cloud/account.h"
 #include "golive/rtmp_publisher.h"
@@ -49,6 +51,9 @@ struct Options {
   bool phones = false;
   qvn::PhoneOptions phoneOptions;
   std::optional<double> forSeconds;
+  // Without an operator: the next live input to Program this often, the inset on beside it.
+  std::optional<double> autoSwitchSeconds;
+  bool inset = false;
   std::optional<std::string> dataRoot;
   std::optional<std::string> publishURL;
   std::optional<std::filesystem::path> recordFile;
@@ -67,6 +72,7 @@ constexpr std::string_view kUsage =
     "                       [--phone-port N] [--phone-local-addr ADDRESS] [--publish URL]\n"
     "                       [--record FILE.mp4|FILE.mov] [--record-codec h264|hevc]\n"
     "                       [--api-base URL] [--sign-in EMAIL] [--go-live]\n"
+    "                       [--auto-switch SECONDS] [--inset]\n"
     "                       [quorvanestudio:URL]\n";
 
 // An error text for the operator, or none when the options are good.
@@ -77,16 +83,25 @@ std::optional<std::string> parse(int argc, char** argv, Options& options) {
       if (i + 1 >= argc) return std::nullopt;
       return std::string_view(argv[++i]);
     };
+    auto seconds = [&]() -> std::optional<double> {
+      auto text = value();
+      double number = 0;
+      if (!text ||
+          std::from_chars(text->data(), text->data() + text->size(), number).ec != std::errc() ||
+          number <= 0)
+        return std::nullopt;
+      return number;
+    };
     if (arg == "--headless") {
       options.headless = true;
     } else if (arg == "--for") {
-      auto text = value();
-      double seconds = 0;
-      if (!text ||
-          std::from_chars(text->data(), text->data() + text->size(), seconds).ec != std::errc() ||
-          seconds <= 0)
-        return "--for needs a number of seconds above 0";
-      options.forSeconds = seconds;
+      options.forSeconds = seconds();
+      if (!options.forSeconds) return "--for needs a number of seconds above 0";
+    } else if (arg == "--auto-switch") {
+      options.autoSwitchSeconds = seconds();
+      if (!options.autoSwitchSeconds) return "--auto-switch needs a number of seconds above 0";
+    } else if (arg == "--inset") {
+      options.inset = true;
     } else if (arg == "--data-root") {
       auto dir = value();
       if (!dir || dir->empty()) return "--data-root needs a folder";
@@ -217,6 +232,19 @@ std::shared_ptr<qvn::CloudAccount> makeAccount(const Options& options, qvn::Main
       [publisher] { return publisher->networkDrops(); }});
 }
 
+HealthCounts healthNow(const qvn::StudioHubs& hubs, const qvn::RTMPPublisher& publisher) {
+  HealthCounts counts;
+  if (auto mix = std::dynamic_pointer_cast<qvn::MixEngine>(hubs.mix))
+    counts.lateTicks = mix->lateTicks();
+  if (auto sample = publisher.latestSample())
+    counts.publishDropped = sample->replacedPictures + sample->encoderDrops + sample->networkDrops;
+  if (auto recorder = std::dynamic_pointer_cast<qvn::MovieRecorder>(hubs.recorder))
+    counts.recordDropped = recorder->framesDropped();
+  if (auto audio = std::dynamic_pointer_cast<qvn::AudioEngine>(hubs.audio))
+    counts.audioOverruns = audio->mix().busUnderruns();
+  return counts;
+}
+
 // The studio from start to quit on `main`.
 int runStudio(const Options& options, qvn::MainQueue& main, const MainLoop& loop,
               const sigset_t& quitSignals) {
@@ -274,11 +302,16 @@ int runStudio(const Options& options, qvn::MainQueue& main, const MainLoop& loop
 
   std::shared_ptr<void> window;
   std::unique_ptr<HeadlessActions> actions;
+  std::unique_ptr<HeadlessShow> show;
+  HealthLog health(main, [&hubs, publisher] { return healthNow(hubs, *publisher); });
   main.async([&] {
     shell.launch();
     if (options.signInEmail || options.goLive)
       actions = std::make_unique<HeadlessActions>(shell.model(), *account, options.signInEmail,
                                                   options.goLive);
+    if (options.autoSwitchSeconds)
+      show = std::make_unique<HeadlessShow>(shell.model(), main, *options.autoSwitchSeconds,
+                                            options.inset);
     if (loop.openWindow) window = loop.openWindow(shell.model(), hubs, settings, *account, quit);
   });
   // Straight to the user's own server, without the cloud: Program and the stream bus.
@@ -310,6 +343,7 @@ int runStudio(const Options& options, qvn::MainQueue& main, const MainLoop& loop
   // A recording under way becomes a whole movie before the process ends.
   if (recorder && !recorder->finishBlocking(30))
     qvn::QvnLog::line("record: the movie was still being finished at quit");
+  show.reset();
   actions.reset();
   window.reset();
   publisher->stop();

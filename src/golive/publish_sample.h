@@ -17,6 +17,7 @@ struct QvnPublishSample {
   long framesSubmitted = 0;
   long encoderDrops = 0;
   long networkDrops = 0;
+  long replacedPictures = 0;  // pictures of the mix the encoder never took: a newer came first
   std::int64_t encodedVideoBytes = 0;
   std::int64_t sentBytes = 0;
   long reconnects = 0;

@@ -72,8 +72,10 @@ std::shared_ptr<RTMPPublisher> RTMPPublisher::make(Sources sources) {
 
 RTMPPublisher::RTMPPublisher(Sources sources)
     : sources_(std::move(sources)),
-      queue_(std::make_unique<SerialQueue>("io.quorvane.camera.golive",
-                                           QueuePriority::userInitiated)) {}
+      // The encoder is made on this queue and its threads take the queue's priority: below
+      // the mix and the sound, which must never wait for the stream. A late picture here is
+      // replaced by the next; the mix's tick can't be.
+      queue_(std::make_unique<SerialQueue>("io.quorvane.camera.golive", QueuePriority::utility)) {}
 
 RTMPPublisher::~RTMPPublisher() {
   queue_->sync([this] { stopOnQueue(); });
@@ -176,6 +178,7 @@ bool RTMPPublisher::startOnQueue(const std::string& url, const std::string& key,
   {
     std::lock_guard hold(mailboxLock_);
     nextFrame_.reset();
+    replacedPictures_ = 0;
   }
   // 12
   std::weak_ptr<RTMPPublisher> weak = weak_from_this();
@@ -320,6 +323,7 @@ void RTMPPublisher::offer(const PixelBufferRef& buffer) {
   {
     std::lock_guard hold(mailboxLock_);
     wasEmpty = !nextFrame_;
+    if (!wasEmpty) ++replacedPictures_;
     nextFrame_ = buffer;
     nextMade_ = monotonicTime();
   }
@@ -480,6 +484,10 @@ void RTMPPublisher::takeSample() {
   sample.framesSubmitted = framesSubmitted_;
   sample.encoderDrops = encoderDrops_;
   sample.networkDrops = droppedVideoFrames_;
+  {
+    std::lock_guard hold(mailboxLock_);
+    sample.replacedPictures = replacedPictures_;
+  }
   sample.encodedVideoBytes = encodedVideoBytes_;
   sample.reconnects = reconnectCount_;
   sample.currentBitrate = currentBitrate_;

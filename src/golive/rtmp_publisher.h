@@ -147,6 +147,7 @@ class RTMPPublisher final : public GoLivePublisher,
   std::mutex mailboxLock_;
   PixelBufferRef nextFrame_;
   double nextMade_ = 0;
+  long replacedPictures_ = 0;  // under the mailbox lock
 };
 
 }  // namespace qvn

@@ -263,15 +263,16 @@ void MovieRecorder::writeVideo(PixelBufferRef buffer, std::int64_t stamp) {
   if (!running_ || !writer_) return;
   ensureSession(stamp);
   const std::int64_t offset = stamp - *clockOrigin_;
-  if (offset < 0 || !writer_->readyForVideo()) return;
-  auto picture = writer_->conform(*buffer);
+  if (offset < 0) return;
+  auto picture = writer_->readyForVideo() ? writer_->conform(*buffer) : nullptr;
   buffer.reset();  // the mix's picture is free once conformed
-  if (!picture) return;
   std::string error;
-  if (writer_->appendVideo(std::move(picture), offset, error))
+  if (picture && writer_->appendVideo(std::move(picture), offset, error)) {
     ++frameCount_;
-  else if (!error.empty())
-    QvnLog::line("record video append failed: " + error);
+  } else {
+    droppedFrames_.fetch_add(1, std::memory_order_relaxed);
+    if (!error.empty()) QvnLog::line("record video append failed: " + error);
+  }
   flushPendingAudio(false);
 }
 

@@ -106,6 +106,9 @@ class MovieRecorder final : public SessionRecorder,
 
   Queue& queue() { return *queue_; }
   long framesWritten() const { return frameCount_.load(); }
+  // Pictures of the recorded input that never reached a movie since the studio started: the
+  // writer was busy, or the picture couldn't be converted or appended. Any thread.
+  long framesDropped() const { return droppedFrames_.load(std::memory_order_relaxed); }
 
  private:
   struct Pending {
@@ -129,6 +132,7 @@ class MovieRecorder final : public SessionRecorder,
   std::atomic<int> videoSlot_{0};
   std::atomic<RecordAudioSource::Kind> audioKind_{RecordAudioSource::Kind::none};
   std::atomic<long> frameCount_{0};
+  std::atomic<long> droppedFrames_{0};
   std::mutex currentLock_;
   std::optional<std::filesystem::path> current_;  // the movie being written, under the lock
 

@@ -93,6 +93,17 @@ void FrameHub::watch(int slot, std::shared_ptr<FrameWatcher> watcher) {
     if (auto view = watcher->view.lock()) view->enqueue(current);
 }
 
+bool FrameHub::watched(int slot) const {
+  if (!valid(slot)) return false;
+  std::shared_ptr<const Watchers> list;
+  {
+    std::lock_guard lock(lock_);
+    list = watchers_[indexOf(slot)];
+  }
+  return list && std::any_of(list->begin(), list->end(),
+                             [](const auto& watcher) { return !watcher->view.expired(); });
+}
+
 void FrameHub::unwatch(const std::shared_ptr<FrameWatcher>& watcher) {
   for (int i = 0; i < kSlots; ++i)
     updateWatchers(i, [&](Watchers& list) { std::erase(list, watcher); });

@@ -71,6 +71,8 @@ class FrameHub {
   // A view watching a slot that already holds a picture gets it at once.
   void watch(int slot, std::shared_ptr<FrameWatcher> watcher);
   void unwatch(const std::shared_ptr<FrameWatcher>& watcher);
+  // Whether a view that still exists watches the slot: a bus nobody sees need not be drawn.
+  bool watched(int slot) const;
 
  private:
   using Watchers = std::vector<std::shared_ptr<FrameWatcher>>;

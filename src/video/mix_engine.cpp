@@ -288,11 +288,16 @@ void MixEngine::tick() {
   const double t0 = mediaTime();
   composer_.crops().step();
   emitProgram();
-  if (previewVisible_) emitPreview();
-  recordTickTime((mediaTime() - t0) * 1000.0);
+  // Preview is drawn only for a screen that shows it; without a window nothing does.
+  if (previewVisible_ && frames_->watched(FrameHub::kPreviewSlot)) emitPreview();
+  recordTickTime(t0, (mediaTime() - t0) * 1000.0);
 }
 
-void MixEngine::recordTickTime(double milliseconds) {
+void MixEngine::recordTickTime(double startedAt, double milliseconds) {
+  constexpr double kTickMs = 1000.0 / kTicksPerSecond;
+  const bool missed = lastTickStart_ > 0 && (startedAt - lastTickStart_) * 1000.0 > 2 * kTickMs;
+  lastTickStart_ = startedAt;
+  if (milliseconds > kTickMs || missed) lateTicks_.fetch_add(1, std::memory_order_relaxed);
   std::vector<double> sorted;
   {
     std::lock_guard lock(tickMsLock_);

@@ -69,6 +69,9 @@ class MixEngine final : public MixControl, public std::enable_shared_from_this<M
   // Any thread; costs one atomic read while Program is occupied.
   void noteIncoming(int slot);
   int programSlotMirror() const { return programMirror_.load(std::memory_order_acquire); }
+  // Ticks whose picture went out late since the start: the work took longer than a tick, or
+  // the clock came a whole tick after its time (Program showed a picture twice). Any thread.
+  long lateTicks() const { return lateTicks_.load(std::memory_order_relaxed); }
 
   // The queue everything runs on; tests post to it to wait for the engine.
   SerialQueue& queue() { return *queue_; }
@@ -95,7 +98,7 @@ class MixEngine final : public MixControl, public std::enable_shared_from_this<M
              MixTransition kind, double p, double now);
   void reportBuses(std::optional<bool> dissolve);
   void makeRing();
-  void recordTickTime(double milliseconds);
+  void recordTickTime(double startedAt, double milliseconds);
 
   std::shared_ptr<FrameHub> frames_;
   std::unique_ptr<SerialQueue> queue_;
@@ -130,6 +133,8 @@ class MixEngine final : public MixControl, public std::enable_shared_from_this<M
   std::mutex tickMsLock_;
   std::vector<double> tickMs_;
   long tickCount_ = 0;
+  double lastTickStart_ = 0;  // mix queue
+  std::atomic<long> lateTicks_{0};
 };
 
 }  // namespace qvn

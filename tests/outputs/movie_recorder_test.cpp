@@ -173,6 +173,7 @@ TEST_F(MovieRecorderTest, SoundWaitsForABusyWriterAndOnlyTheNewestIsKept) {
   picture();
   settle();
   EXPECT_TRUE(seen.video.empty());
+  EXPECT_EQ(recorder->framesDropped(), 1);
   // Stopping writes what waits, ready or not: the first block went to make room.
   recorder->stop();
   settle();

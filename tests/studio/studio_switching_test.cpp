@@ -93,6 +93,13 @@ class StudioSwitching : public StudioFixture {
 
   std::shared_ptr<FrameHub> frames = std::make_shared<FrameHub>();
   std::shared_ptr<MixEngine> mix = MixEngine::make(frames);
+  // Preview is drawn for a screen that shows it, as the window's monitor does.
+  std::shared_ptr<PixelBufferView> previewScreen = PixelBufferView::make([](const auto&) {});
+  std::shared_ptr<FrameWatcher> previewWatcher = [this] {
+    auto watcher = std::make_shared<FrameWatcher>(FrameWatcher{previewScreen});
+    frames->watch(FrameHub::kPreviewSlot, watcher);
+    return watcher;
+  }();
 };
 
 TEST_F(StudioSwitching, StudioStyleBuildsOnPreviewAndTakesIt) {

@@ -111,6 +111,7 @@ class MixRig {
           tapped_.notify_all();
         },
         nullptr);
+    hub->watch(FrameHub::kPreviewSlot, previewWatcher_);
     mix = MixEngine::make(hub);
     SerialQueue* queue = &mix->queue();
     mix->onDissolve = [this, queue](bool on) { note(queue, on ? "dissolve on" : "dissolve off"); };
@@ -171,6 +172,8 @@ class MixRig {
     auto b = hub->buffer(slot);
     return b ? PixelSize{b->width(), b->height()} : PixelSize{};
   }
+  // Preview is drawn only while a screen shows it; the rig has one until told otherwise.
+  void closePreviewScreen() { previewScreen_.reset(); }
   Events events() {
     std::lock_guard lock(mutex_);
     return events_;
@@ -190,6 +193,9 @@ class MixRig {
     events_.push_back(std::move(event));
   }
 
+  std::shared_ptr<PixelBufferView> previewScreen_ = PixelBufferView::make([](const auto&) {});
+  std::shared_ptr<FrameWatcher> previewWatcher_ =
+      std::make_shared<FrameWatcher>(FrameWatcher{previewScreen_});
   std::mutex mutex_;
   std::condition_variable tapped_;
   long taps_ = 0;
@@ -250,6 +256,25 @@ TEST_F(MixEngineTest, WithoutInputsProgramRepeatsTheStandbyPictureAndPreviewIsSe
   rig.mix->switchTo(1, MixTransition::instant);
   ASSERT_TRUE(rig.fresh());
   EXPECT_TRUE(near(rig.pixel(-1, 0.5, 0.5), kRed));
+
+  // With no screen showing it, Preview is not drawn; Program goes on.
+  rig.closePreviewScreen();
+  rig.hub->clear(-1);
+  ASSERT_TRUE(rig.waitTaps(3));
+  rig.sync();
+  EXPECT_EQ(rig.hub->buffer(-1), nullptr);
+  EXPECT_TRUE(near(rig.pixel(0, 0.5, 0.5), kRed));
+}
+
+TEST_F(MixEngineTest, ATickThatComesLateIsCounted) {
+  MixRig rig;
+  rig.mix->start();
+  ASSERT_TRUE(rig.waitTaps(3));
+  const long before = rig.mix->lateTicks();
+  // The queue held for three ticks' time: the next tick comes a whole tick after its time.
+  rig.mix->queue().sync([] { std::this_thread::sleep_for(100ms); });
+  ASSERT_TRUE(rig.waitTaps(2));
+  EXPECT_GE(rig.mix->lateTicks(), before + 1);
 }
 
 TEST_F(MixEngineTest, TheFirstInputGoesToProgramByItselfWithoutATransition) {

@@ -2,12 +2,14 @@
 
 #include <cmath>
 
+#include "frame_code.h"
+
 namespace qvn {
 
 std::shared_ptr<const EncodedLoop> encodeLoop(const H264Settings& settings, const CameraLook& look,
                                               TestPattern& pattern,
                                               const std::atomic<bool>& cancelled,
-                                              std::string& error) {
+                                              std::string& error, std::uint32_t firstCode) {
   auto encoder = H264Encoder::make(settings, error);
   auto picture = PixelBuffer::make(PixelFormat::i420, settings.width, settings.height);
   if (!encoder || !picture) {
@@ -23,7 +25,8 @@ std::shared_ptr<const EncodedLoop> encodeLoop(const H264Settings& settings, cons
       error = "cancelled";
       return nullptr;
     }
-    pattern.draw(*picture, double(i) / count, std::uint32_t(i), look);
+    pattern.draw(*picture, double(i) / count, (firstCode + std::uint32_t(i)) & kFrameCodeMask,
+                 look);
     auto frame = encoder->encode(*picture, std::int64_t(i) * 1000 / settings.fps, i == 0);
     if (!frame || frame->nals.empty()) {
       error = "the H.264 encoder failed on frame " + std::to_string(i) + " of the loop";

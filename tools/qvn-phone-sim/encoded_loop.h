@@ -35,11 +35,11 @@ struct EncodedLoop {
   std::vector<EncodedFrame> frames;
 };
 
-// Draws and encodes one cycle; none, with `error`, when the encoder fails or, between two
-// frames, `cancelled` is found set.
+// Draws and encodes one cycle, its frames coded from `firstCode` on; none, with `error`, when
+// the encoder fails or, between two frames, `cancelled` is found set.
 std::shared_ptr<const EncodedLoop> encodeLoop(const H264Settings& settings, const CameraLook& look,
                                               TestPattern& pattern,
                                               const std::atomic<bool>& cancelled,
-                                              std::string& error);
+                                              std::string& error, std::uint32_t firstCode = 0);
 
 }  // namespace qvn

@@ -67,8 +67,8 @@ bool PhoneSim::build() {
     });
   };
   sender_->onKeyframeRequest = [this] { feed_->requestKeyframe(); };
-  VideoFeed::Settings video{options_.width, options_.height, options_.fps, options_.bitrate,
-                            options_.loop,  options_.climb,  options_.name};
+  VideoFeed::Settings video{options_.width, options_.height, options_.fps,  options_.bitrate,
+                            options_.loop,  options_.climb,  options_.name, options_.codeBase};
   feed_ = std::make_unique<VideoFeed>(
       video, std::move(frameLog),
       [this](const VideoFormat& format, const EncodedFrame& frame) {

@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "frame_code.h"
+
 namespace qvn {
 namespace {
 
@@ -66,6 +68,9 @@ std::string apply(SimOptions& o, std::string_view name, const std::string& value
     if (inet_pton(AF_INET, value.c_str(), &address) != 1)
       return "--local-addr wants an IPv4 address, not " + value;
     o.localAddress = value;
+  } else if (name == "--code-base") {
+    if (!parseNumber(value, o.codeBase) || o.codeBase > kFrameCodeMask)
+      return "--code-base wants a whole number from 0 to 16777215, not " + value;
   } else if (name == "--frame-log") {
     if (value.empty()) return "--frame-log wants a file name";
     o.frameLog = value;
@@ -127,11 +132,12 @@ A phone that pairs with the studio and sends a test pattern and a 440 Hz tone ov
   --portrait           send the picture upright (height above width), as a held phone does
   --climb              start at half size and go to full size after 2 s
   --frame-log FILE     append "<frame code> <CLOCK_MONOTONIC seconds>" per frame sent
+  --code-base N        add N to every frame code, so several phones' codes differ
   --print-offer        print the offer SDP
   --help               this text
 
 Every picture carries its frame code in the top-left corner: the running frame number, or
-with --loop the frame's index in the loop.
+with --loop the frame's index in the loop, plus --code-base.
 )";
 }
 

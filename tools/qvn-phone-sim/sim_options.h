@@ -24,6 +24,7 @@ struct SimOptions {
   bool portrait = false;
   bool climb = false;
   std::optional<std::string> frameLog;
+  std::uint32_t codeBase = 0;
   bool printOffer = false;
 };
 

@@ -87,7 +87,7 @@ void VideoFeed::sendLive(Size size) {
     keyframeWanted_ = true;
   }
   const int cycle = int(std::lround(kCycleSeconds * settings_.fps));
-  const std::uint32_t code = frameNumber_ & kFrameCodeMask;
+  const std::uint32_t code = (settings_.codeBase + frameNumber_) & kFrameCodeMask;
   pattern_->draw(*picture_, double(frameNumber_ % std::uint32_t(cycle)) / cycle, code, look_);
   auto frame = encoder_->encode(*picture_, encoded_++ * 1000 / settings_.fps,
                                 keyframeWanted_.exchange(false));
@@ -104,7 +104,7 @@ void VideoFeed::sendLooped(Size size) {
   if (!playing_) return;  // still encoding the first loop
   // Every loop starts on its IDR: going back there is the keyframe.
   if (keyframeWanted_.exchange(false)) loopIndex_ = 0;
-  const std::uint32_t code = std::uint32_t(loopIndex_);
+  const std::uint32_t code = (settings_.codeBase + std::uint32_t(loopIndex_)) & kFrameCodeMask;
   send(playing_->format, playing_->frames[loopIndex_], code);
   loopIndex_ = (loopIndex_ + 1) % playing_->frames.size();
 }
@@ -147,7 +147,7 @@ void VideoFeed::encodeMissingLoop() {
     if (!loopPattern_) loopPattern_ = std::make_unique<TestPattern>(settings_.name);
     const double began = monotonicSeconds();
     std::string error;
-    auto loop = encodeLoop(encoder, look, *loopPattern_, stopping_, error);
+    auto loop = encodeLoop(encoder, look, *loopPattern_, stopping_, error, settings_.codeBase);
     const double took = monotonicSeconds() - began;
     queue_->async([this, loop, error, took] {
       encodingLoop_ = false;

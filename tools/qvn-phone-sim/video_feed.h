@@ -31,6 +31,8 @@ class VideoFeed {
     bool loop = false;
     bool climb = false;
     std::string name;  // for the picture's label
+    // Added to every frame code, so that several phones' pictures tell apart.
+    std::uint32_t codeBase = 0;
   };
   // Sends one frame; false when it could not go, so it is neither logged nor counted.
   using Sink = std::function<bool(const VideoFormat& format, const EncodedFrame& frame)>;

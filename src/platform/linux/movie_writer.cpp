@@ -698,7 +698,12 @@ std::unique_ptr<MovieWriter> MovieWriter::create(const fs::path& path, const Mov
   std::error_code ec;
   core->path = fs::absolute(path, ec);
   if (ec) core->path = path;
-  if (!core->open(error)) {
+  // The encoder's threads are made as it opens and take the priority of the thread that opens
+  // it: the worker's, below the mix and the sound, which must never wait for a movie.
+  auto worker = std::make_unique<SerialQueue>("io.quorvane.movie", QueuePriority::utility);
+  bool opened = false;
+  worker->sync([&] { opened = core->open(error); });
+  if (!opened) {
     const bool created = core->file != nullptr;
     const fs::path made = core->path;
     core.reset();
@@ -708,7 +713,6 @@ std::unique_ptr<MovieWriter> MovieWriter::create(const fs::path& path, const Mov
     }
     return nullptr;
   }
-  auto worker = std::make_unique<SerialQueue>("io.quorvane.movie");
   return std::unique_ptr<MovieWriter>(new MovieWriter(std::move(core), std::move(worker)));
 }
 

@@ -22,15 +22,7 @@ ShowStudio::ShowStudio(const fs::path& work, const std::string& tag, const std::
                            "--auto-switch", std::to_string(kSwitchSeconds), "--inset"});
   if (movie) argv.insert(argv.end(), {"--record", movie->string()});
   studio_ = std::make_unique<test::ChildProcess>(argv, log_, log_);
-  bool listening = false;
-  if (!pollUntil(
-          *studio_, kListenSeconds,
-          [&] {
-            for (const auto& line : tail_.poll())
-              if (line.text.find("Listening on:") != std::string::npos) listening = true;
-            return listening;
-          },
-          [] { return false; }))
+  if (!waitFor(kListenSeconds, [this] { return listening_; }))
     throw std::runtime_error("the studio didn't listen: " + logTail());
 }
 
@@ -68,6 +60,7 @@ void ShowStudio::poll() {
   for (const auto& line : tail_.poll()) {
     const double at = secondsOf(line.seen.time_since_epoch());
     const std::string_view text = line.text;
+    if (text.find("Listening on:") != std::string_view::npos) listening_ = true;
     if (numberBetween(text, "cam ", " first frame")) ++firstFrames_;
     if (text.find("NetStream.Publish.Start") != std::string_view::npos) publishing_ = true;
     if (auto tick = parseTickLine(text)) ticks_.push_back({at, *tick});

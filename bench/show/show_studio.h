@@ -88,6 +88,7 @@ class ShowStudio {
   std::map<int, std::unique_ptr<test::ChildProcess>> phones_;
   std::vector<std::filesystem::path> frameLogs_;
   LogTail tail_;
+  bool listening_ = false;
   int firstFrames_ = 0;
   bool publishing_ = false;
   std::vector<Seen> ticks_;

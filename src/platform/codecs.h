@@ -48,6 +48,9 @@ class H264Encoder final : public VideoEncoder {
   // "veryfast" up to 1920×1080, "ultrafast" above: with the conversion before it, superfast
   // takes more than a frame's time at 2160p on two cores.
   static std::string presetFor(int width, int height);
+  // The threads an encoder of ours takes: one per core. The publisher's and the recorder's
+  // run at once, and more threads than cores only trade places at a switch's cost.
+  static int encoderThreads();
   // None, with `error` in plain words, when the encoder can't be made.
   static std::unique_ptr<H264Encoder> make(const H264Settings& settings, std::string& error);
   ~H264Encoder() override;

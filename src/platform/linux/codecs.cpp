@@ -10,6 +10,7 @@ extern "C" {
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <thread>
 
 #include "platform/codecs.h"
 
@@ -30,6 +31,10 @@ H264Encoder::~H264Encoder() = default;
 
 std::string H264Encoder::presetFor(int width, int height) {
   return width * height <= 1920 * 1080 ? "veryfast" : "ultrafast";
+}
+
+int H264Encoder::encoderThreads() {
+  return int(std::clamp(std::thread::hardware_concurrency(), 1u, 16u));
 }
 
 namespace {
@@ -75,6 +80,7 @@ std::unique_ptr<H264Encoder> H264Encoder::make(const H264Settings& s, std::strin
   p.b_repeat_headers = 0;      // SPS and PPS go once, in the decoder configuration
   p.b_annexb = 0;              // 4-byte lengths instead of start codes
   p.i_log_level = X264_LOG_NONE;
+  p.i_threads = encoderThreads();
   applyRate(p, s.bitrate);
   if (x264_param_apply_profile(&p, "main") < 0) {
     error = "the encoder has no Main profile";

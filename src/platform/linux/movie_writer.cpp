@@ -416,6 +416,7 @@ AVCodecContext* openVideo(const MovieSettings& s, std::string& error) {
   c->color_trc = AVCOL_TRC_BT709;
   c->colorspace = AVCOL_SPC_BT709;
   c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;  // parameter sets in the header, as MP4 wants
+  c->thread_count = H264Encoder::encoderThreads();
   AVDictionary* options = nullptr;
   // x265 costs several times what x264 does for the same picture: only its fastest preset
   // comes near real time at 1080p. No zero-latency tune: a recording can wait a few pictures,

@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -92,19 +93,29 @@ Result runCase(const Case& c, size_t which, const fs::path& work, NginxIngest& i
     r.failure = "no health line: " + studio.logTail();
     return r;
   }
-  const auto start = studio.health().back();
-  const auto cpu0 = processCpuSeconds(studio.pid());
-  r.rssStart = residentMiB(studio.pid()).value_or(NAN);
-  while (studio.health().back().at < start.at + seconds - 1)
+  // The studio's counters, CPU and memory at one of its health lines.
+  struct Look {
+    ShowStudio::SeenHealth line;
+    std::optional<double> cpu;
+    double rss;
+  };
+  auto look = [&] {
+    return Look{studio.health().back(), processCpuSeconds(studio.pid()),
+                residentMiB(studio.pid()).value_or(NAN)};
+  };
+  const Look first = look();
+  while (studio.health().back().at < first.line.at + seconds - 1)
     if (!nextHealth()) {
       r.failure = "the studio stopped reporting: " + studio.logTail();
       return r;
     }
-  const auto end = studio.health().back();
-  const auto cpu1 = processCpuSeconds(studio.pid());
-  r.rssEnd = residentMiB(studio.pid()).value_or(NAN);
+  const Look last = look();
+  const auto& start = first.line;
+  const auto& end = last.line;
+  r.rssStart = first.rss;
+  r.rssEnd = last.rss;
   const double window = end.at - start.at;
-  if (cpu0 && cpu1) r.cpuPercent = (*cpu1 - *cpu0) / window * 100;
+  if (first.cpu && last.cpu) r.cpuPercent = (*last.cpu - *first.cpu) / window * 100;
   r.lateTicks = end.health.lateTicks - start.health.lateTicks;
   r.publishDropped = end.health.publishDropped - start.health.publishDropped;
   r.recordDropped = end.health.recordDropped - start.health.recordDropped;

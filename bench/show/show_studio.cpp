@@ -62,7 +62,8 @@ void ShowStudio::poll() {
     const std::string_view text = line.text;
     if (text.find("Listening on:") != std::string_view::npos) listening_ = true;
     if (numberBetween(text, "cam ", " first frame")) ++firstFrames_;
-    if (text.find("NetStream.Publish.Start") != std::string_view::npos) publishing_ = true;
+    if (text.find("golive rtmp NetStream.Publish.Start") != std::string_view::npos)
+      ++publishStarts_;
     if (auto tick = parseTickLine(text)) ticks_.push_back({at, *tick});
     if (auto health = parseHealthLine(text)) health_.push_back({at, *health});
   }

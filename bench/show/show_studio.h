@@ -59,7 +59,9 @@ class ShowStudio {
 
   // What the log has said so far.
   int firstFrames() const { return firstFrames_; }
-  bool publishing() const { return publishing_; }
+  bool publishing() const { return publishStarts_ > 0; }
+  // How often the ingest has taken the stream: once more after each reconnection.
+  int publishStarts() const { return publishStarts_; }
   struct Seen {
     double at;  // CLOCK_MONOTONIC seconds
     TickLine tick;
@@ -90,7 +92,7 @@ class ShowStudio {
   LogTail tail_;
   bool listening_ = false;
   int firstFrames_ = 0;
-  bool publishing_ = false;
+  int publishStarts_ = 0;
   std::vector<Seen> ticks_;
   std::vector<SeenHealth> health_;
 };

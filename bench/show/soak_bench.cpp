@@ -49,6 +49,7 @@ constexpr double kRssTolerance = 0.05;    // after the warm-up
 constexpr double kStreamGapSeconds = 1;   // outside the outages
 constexpr double kMovieGapSeconds = 0.5;  // anywhere
 constexpr double kTickGapSeconds = 10;    // between two of the mix's 3 s lines
+constexpr double kReaderRetrySeconds = 5;
 // Liveness bound only: the publisher waits up to 16 s between its attempts to reconnect.
 constexpr double kBackSeconds = 60;
 
@@ -178,7 +179,7 @@ int soak(const Options& o) {
     int phones;
   };
   std::vector<Sample> samples;
-  double nextSample = start;
+  double nextSample = start, nextReader = start;
   for (double now = start; now < start + seconds; now = monotonicNow()) {
     studio.poll();
     churn.step(now);
@@ -190,10 +191,16 @@ int soak(const Options& o) {
       std::this_thread::sleep_for(std::chrono::duration<double>(kOutageSeconds));
       ingest.start();
       // The studio publishes again on its own; then the stream is read anew.
-      const int before = int(readers.size());
-      studio.waitFor(kBackSeconds, [&] { return studio.publishing(); });
-      std::this_thread::sleep_for(std::chrono::seconds(1));
-      readers.push_back(std::make_unique<StreamReader>(url, work.path, std::to_string(before)));
+      const int published = studio.publishStarts();
+      studio.waitFor(kBackSeconds, [&] { return studio.publishStarts() > published; });
+      readers.push_back(
+          std::make_unique<StreamReader>(url, work.path, std::to_string(readers.size())));
+    }
+    // A reader that came too early, or lost the stream, tries again.
+    if (!readers.back()->running() && now >= nextReader) {
+      readers.push_back(
+          std::make_unique<StreamReader>(url, work.path, std::to_string(readers.size())));
+      nextReader = now + kReaderRetrySeconds;
     }
     if (now >= nextSample) {
       samples.push_back({now - start, residentMiB(studio.pid()).value_or(NAN),

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <thread>
 
+#include "app/headless_show.h"
 #include "studio/recording_hubs.h"
 #include "video/mix_engine.h"
 #include "video/test_pictures.h"
@@ -205,6 +206,27 @@ TEST_F(StudioSwitching, SingleStylePutsInputsStraightOnProgram) {
   EXPECT_FALSE(m.perform(SceneKey{5}));
   settle();
   EXPECT_EQ(m.programSlot(), 2);
+}
+
+TEST_F(StudioSwitching, AShowWithoutAnOperatorGoesRoundTheInputsWithTheNextOneInset) {
+  CameraModel& m = startWith({{1, kRed}, {2, kBlue}, {3, kGreen}});
+  HeadlessShow show(m, main, 4, true);
+  std::vector<int> onAir, insets;
+  for (int i = 0; i < 4; ++i) {
+    main.advance(4);
+    settle();
+    onAir.push_back(m.programSlot());
+    insets.push_back(m.pipSlot());
+  }
+  EXPECT_THAT(onAir, ::testing::ElementsAre(1, 2, 3, 1));
+  EXPECT_THAT(insets, ::testing::ElementsAre(2, 3, 1, 2));
+  EXPECT_TRUE(m.pipEnabled());
+
+  m.slotsDidChange(phoneRows({1}));  // one input left: nothing to go to
+  settle();
+  main.advance(4);
+  settle();
+  EXPECT_EQ(m.programSlot(), 1);
 }
 
 TEST_F(StudioSwitching, RefusalsSayWhy) {

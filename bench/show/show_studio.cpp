@@ -40,6 +40,7 @@ void ShowStudio::addPhone(int index, PhoneShape shape, double forSeconds) {
                            "--frame-log", frames.string()});
   const fs::path simLog = work_ / ("phone-" + tag_ + "-" + std::to_string(index) + ".log");
   phones_[index] = std::make_unique<test::ChildProcess>(argv, simLog, simLog);
+  shapes_[index] = shape;
   frameLogs_.push_back(frames);
 }
 
@@ -47,6 +48,7 @@ void ShowStudio::removePhone(int index) {
   if (auto phone = phones_.find(index); phone != phones_.end()) {
     phone->second->stop(SIGTERM, 5);
     phones_.erase(phone);
+    shapes_.erase(index);
   }
 }
 
@@ -67,6 +69,16 @@ void ShowStudio::poll() {
     if (auto tick = parseTickLine(text)) ticks_.push_back({at, *tick});
     if (auto health = parseHealthLine(text)) health_.push_back({at, *health});
   }
+}
+
+std::string ShowStudio::phoneSizes() const {
+  std::map<std::string, int> counts;
+  for (const auto& [index, shape] : shapes_)
+    ++counts[std::to_string(shape.width) + "x" + std::to_string(shape.height)];
+  std::string text;
+  for (const auto& [size, count] : counts)
+    text += (text.empty() ? "" : " ") + std::to_string(count) + "×" + size;
+  return text;
 }
 
 PushTimes ShowStudio::pushTimes() const {

@@ -43,6 +43,8 @@ class ShowStudio {
   // The phone says goodbye and leaves.
   void removePhone(int index);
   std::vector<int> phones() const;
+  // The phones on now by picture size, as "2×1280x720 1×1920x1080".
+  std::string phoneSizes() const;
 
   // Reads the log until `done()` or `limit` seconds; false when the studio ended or time ran out.
   template <typename Done>
@@ -88,6 +90,7 @@ class ShowStudio {
   std::uint16_t port_ = 0;
   std::unique_ptr<test::ChildProcess> studio_;
   std::map<int, std::unique_ptr<test::ChildProcess>> phones_;
+  std::map<int, PhoneShape> shapes_;
   std::vector<std::filesystem::path> frameLogs_;
   LogTail tail_;
   bool listening_ = false;

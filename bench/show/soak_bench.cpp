@@ -6,8 +6,9 @@
 //
 // It passes when:
 //   - memory stays flat: after the warm-up (the first tenth of the run, at least 2 minutes),
-//     with the same number of phones on, the studio's resident memory at the last look stays
-//     within 5 % of the first (each phone takes its own, so only like is set against like);
+//     with the same phones on (by number and picture size), the studio's resident memory at
+//     the last look stays within 5 % of the first (each phone takes its own, so only like is
+//     set against like);
 //   - nothing stalls: the studio runs to the end and its mix reports every 3 s (no gap in its
 //     tick lines over 10 s), and no tick goes out late apart from the ingest's outages;
 //   - the stream goes on: no gap over 1 s in the pictures read back, apart from each outage
@@ -176,7 +177,7 @@ int soak(const Options& o) {
   std::vector<Span> outages;
   struct Sample {
     double at, rss, cpu;
-    int phones;
+    std::string phones;  // by picture size
   };
   std::vector<Sample> samples;
   double nextSample = start, nextReader = start;
@@ -204,8 +205,7 @@ int soak(const Options& o) {
     }
     if (now >= nextSample) {
       samples.push_back({now - start, residentMiB(studio.pid()).value_or(NAN),
-                         processCpuSeconds(studio.pid()).value_or(NAN),
-                         int(studio.phones().size())});
+                         processCpuSeconds(studio.pid()).value_or(NAN), studio.phoneSizes()});
       nextSample += kSampleSeconds;
     }
     if (!studio.running()) break;
@@ -232,8 +232,8 @@ int soak(const Options& o) {
   const bool quitCleanly = studio.quit();
 
   std::vector<Verdict> verdicts;
-  // Memory: the first and the last look with each number of phones, after the warm-up.
-  std::map<int, std::pair<double, double>> rssByPhones;
+  // Memory: the first and the last look with each set of phones, after the warm-up.
+  std::map<std::string, std::pair<double, double>> rssByPhones;
   for (const auto& sample : samples)
     if (sample.at >= warmUp && !std::isnan(sample.rss)) {
       auto [entry, fresh] = rssByPhones.try_emplace(sample.phones, sample.rss, sample.rss);
@@ -244,8 +244,8 @@ int soak(const Options& o) {
   char text[200];
   for (const auto& [phones, rss] : rssByPhones) {
     worstGrowth = std::max(worstGrowth, rss.second / rss.first - 1);
-    std::snprintf(text, sizeof text, "%s%d phones %.0f → %.0f MiB", rssText.empty() ? "" : "; ",
-                  phones, rss.first, rss.second);
+    std::snprintf(text, sizeof text, "%s%s: %.0f → %.0f MiB", rssText.empty() ? "" : "; ",
+                  phones.c_str(), rss.first, rss.second);
     rssText += text;
   }
   verdicts.push_back(

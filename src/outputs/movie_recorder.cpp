@@ -4,7 +4,9 @@
 #include <chrono>
 #include <cmath>
 #include <future>
+#include <utility>
 
+#include "audio/pcm_tap.h"
 #include "platform/movie_writer.h"
 #include "support/qvn_log.h"
 
@@ -32,6 +34,10 @@ const char* sourceName(RecordAudioSource::Kind kind) {
   }
   return "none";
 }
+
+// A tap's buffers are laid end to end on the file's clock while they stay this close to it;
+// beyond, the phone's sound paused or drifted, and the next buffer starts where the clock is.
+constexpr std::int64_t kMostTapDrift = 4800;
 
 // The platform's movie writer, with its picture conformer at the movie's size.
 class MovieFile final : public RecordingWriter {
@@ -73,7 +79,9 @@ std::shared_ptr<MovieRecorder> MovieRecorder::make(Sources sources) {
 
 MovieRecorder::MovieRecorder(Sources sources)
     : sources_(std::move(sources)),
-      queue_(std::make_unique<SerialQueue>("io.quorvane.camera.record")) {}
+      queue_(std::make_unique<SerialQueue>("io.quorvane.camera.record")),
+      recoveryQueue_(std::make_unique<SerialQueue>("io.quorvane.camera.record.recover",
+                                                   QueuePriority::utility)) {}
 
 MovieRecorder::~MovieRecorder() {
   running_ = false;
@@ -104,9 +112,20 @@ MovieSettings MovieRecorder::settingsFor(const RecordOptions& options, int width
   return s;
 }
 
-bool MovieRecorder::canRecord(const RecordAudioSource& source, int) {
-  // Only the mix reaches the recorder for now; see the header.
-  return source.kind == RecordAudioSource::Kind::mix;
+bool MovieRecorder::canRecord(const RecordAudioSource& source, int videoSlot) {
+  switch (source.kind) {
+    case RecordAudioSource::Kind::mix:
+      return true;
+    case RecordAudioSource::Kind::camera: {
+      const int slot = videoSlot == 0 ? sources_.programSlot() : videoSlot;
+      std::lock_guard hold(tapsLock_);
+      return phoneTaps_.contains(slot);
+    }
+    case RecordAudioSource::Kind::mac:  // no microphone capture yet; see the header
+    case RecordAudioSource::Kind::none:
+      return false;
+  }
+  return false;
 }
 
 std::optional<std::filesystem::path> MovieRecorder::start(
@@ -151,18 +170,18 @@ bool MovieRecorder::startFile(const std::filesystem::path& file, int videoSlot,
     sessionStarted_ = false;
     clockOrigin_.reset();
     pendingAudio_.clear();
-    audioSlot_ = audioSlot;
     audioOK_ = true;
     file_ = file;
   });
   frameCount_ = 0;
   videoSlot_ = videoSlot;
+  audioSlot_ = audioSlot;
   audioKind_ = withSound ? audio.kind : RecordAudioSource::Kind::none;
   running_ = true;
   connectSound(audio);
   report(true, file);
   char rate[32];
-  std::snprintf(rate, sizeof rate, "%g", double(settings.videoBitrate / 100'000) / 10);
+  std::snprintf(rate, sizeof rate, "%g", double(settings.videoBitrate) / 1e6);
   QvnLog::line(std::string("recording ") + codecName(options) + " " + containerName(options) + " " +
                std::to_string(width) + "×" + std::to_string(height) + " @" + rate + "Mbps → " +
                file.filename().string());
@@ -170,7 +189,7 @@ bool MovieRecorder::startFile(const std::filesystem::path& file, int videoSlot,
 }
 
 void MovieRecorder::recoverUnfinished(const std::filesystem::path& folder) {
-  queue_->async([self = shared_from_this(), folder] {
+  recoveryQueue_->async([self = shared_from_this(), folder] {
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
       const auto& marker = entry.path();
@@ -232,7 +251,59 @@ bool MovieRecorder::finishBlocking(double seconds) {
   return finished.wait_for(std::chrono::duration<double>(seconds)) == std::future_status::ready;
 }
 
-void MovieRecorder::detachTap(int) {}
+// One phone's sound on its way to the movie; used on that phone's audio thread only.
+struct MovieRecorder::TapFeed {
+  int slot = 0;
+  PCMConverter converter;
+  std::optional<std::int64_t> next;  // where its next buffer starts on the file's clock
+};
+
+void MovieRecorder::attachTap(std::shared_ptr<PCMTap> tap, int slot) {
+  if (!tap) return detachTap(slot);
+  auto feed = std::make_shared<TapFeed>();
+  feed->slot = slot;
+  tap->setConsumer([weak = weak_from_this(), feed](const PCMView& pcm) {
+    if (auto self = weak.lock()) self->takeTapPCM(*feed, pcm);
+  });
+  std::shared_ptr<PCMTap> replaced;
+  {
+    std::lock_guard hold(tapsLock_);
+    replaced = std::exchange(phoneTaps_[slot], tap);
+  }
+  if (replaced && replaced != tap) replaced->setConsumer(nullptr);
+}
+
+void MovieRecorder::detachTap(int slot) {
+  std::shared_ptr<PCMTap> tap;
+  {
+    std::lock_guard hold(tapsLock_);
+    if (auto it = phoneTaps_.find(slot); it != phoneTaps_.end()) {
+      tap = std::move(it->second);
+      phoneTaps_.erase(it);
+    }
+  }
+  if (tap) tap->setConsumer(nullptr);
+}
+
+// The phone's audio thread: its sound brought to the movie's format and placed on the clock.
+void MovieRecorder::takeTapPCM(TapFeed& feed, const PCMView& pcm) {
+  if (!running_ || audioKind_ != RecordAudioSource::Kind::camera || audioSlot_ != feed.slot) {
+    feed.next.reset();
+    return;
+  }
+  int frames = 0;
+  const float* samples = feed.converter.convert(pcm, frames);
+  if (!samples || frames <= 0) return;
+  const std::int64_t now = sources_.clock();
+  if (!feed.next || std::abs(*feed.next - now) > kMostTapDrift) feed.next = now;
+  std::vector<float> block(std::size_t(frames) * 2);
+  for (std::size_t i = 0; i < std::size_t(frames); ++i) {
+    block[i] = samples[2 * i];
+    block[std::size_t(frames) + i] = samples[2 * i + 1];
+  }
+  appendPCM(std::move(block), *feed.next);
+  *feed.next += frames;
+}
 
 void MovieRecorder::followAudioSlot(int slot) {
   queue_->async([self = shared_from_this(), slot] {

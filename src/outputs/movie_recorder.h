@@ -8,20 +8,28 @@
 // posts; the record bus's blocks come on the audio engine's bus queue and are posted too.
 // Everything that touches the writer runs on the recorder's queue
 // ("io.quorvane.camera.record"). `start` and `stop` are called on the main thread;
-// `onState` comes from the record queue or the writer's thread. Sound comes from the mix; a phone's
-// own sound or a microphone is not recorded yet, so those choices record pictures only.
+// `onState` comes from the record queue or the writer's thread. Movies left by a crash are
+// repaired on a queue of their own, so a long repair never holds up a new recording.
+//
+// Sound comes from the mix's record bus, or from the phone on the recorded input (or on
+// Program) through its tap, on the phone's audio thread. The tap's buffers carry no frame
+// number: they are laid end to end on the file's clock from where the clock stood when the
+// first arrived, and set back on it when they drift more than a few blocks away. Microphone
+// capture isn't part of the studio yet, so that choice records pictures only.
 #pragma once
 
 #include <atomic>
 #include <deque>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "audio/pcm_converter.h"
 #include "outputs/output_hubs.h"
 #include "platform/dispatch.h"
 #include "platform/pixel_buffer.h"
@@ -84,6 +92,7 @@ class MovieRecorder final : public SessionRecorder,
   // At quit: finishes a recording under way and waits at most `seconds` for its movie.
   // False when it didn't finish in time.
   bool finishBlocking(double seconds);
+  void attachTap(std::shared_ptr<PCMTap> tap, int slot) override;
   void detachTap(int slot) override;
   void followAudioSlot(int slot) override;
   // Whether `source` has sound to record now for `videoSlot`.
@@ -111,6 +120,7 @@ class MovieRecorder final : public SessionRecorder,
   long framesDropped() const { return droppedFrames_.load(std::memory_order_relaxed); }
 
  private:
+  struct TapFeed;
   struct Pending {
     std::vector<float> block;
     std::int64_t startFrame;
@@ -120,6 +130,7 @@ class MovieRecorder final : public SessionRecorder,
   void connectSound(const RecordAudioSource& audio);
   void ensureSession(std::int64_t stamp);
   void writeVideo(PixelBufferRef buffer, std::int64_t stamp);
+  void takeTapPCM(TapFeed& feed, const PCMView& pcm);
   void takePCM(std::vector<float> block, std::int64_t startFrame);
   void flushPendingAudio(bool force);
   void finishOnQueue(std::function<void()> completion);
@@ -127,14 +138,18 @@ class MovieRecorder final : public SessionRecorder,
 
   Sources sources_;
   std::unique_ptr<SerialQueue> queue_;  // declared first of the queue's own: it goes last
+  std::unique_ptr<SerialQueue> recoveryQueue_;
   // Read on the mix and bus queues without the record queue.
   std::atomic<bool> running_{false};
   std::atomic<int> videoSlot_{0};
   std::atomic<RecordAudioSource::Kind> audioKind_{RecordAudioSource::Kind::none};
+  std::atomic<int> audioSlot_{0};
   std::atomic<long> frameCount_{0};
   std::atomic<long> droppedFrames_{0};
   std::mutex currentLock_;
   std::optional<std::filesystem::path> current_;  // the movie being written, under the lock
+  std::mutex tapsLock_;
+  std::map<int, std::shared_ptr<PCMTap>> phoneTaps_;  // under the lock
 
   // The record queue's own.
   std::unique_ptr<RecordingWriter> writer_;
@@ -143,7 +158,6 @@ class MovieRecorder final : public SessionRecorder,
   bool sessionStarted_ = false;
   std::optional<std::int64_t> clockOrigin_;
   std::deque<Pending> pendingAudio_;
-  int audioSlot_ = 0;
   bool audioOK_ = true;
   std::vector<std::int16_t> interleaved_;
   std::optional<std::filesystem::path> file_;

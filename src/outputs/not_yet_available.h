@@ -13,6 +13,7 @@ class SessionRecorderNotYetAvailable final : public SessionRecorder {
   }
   void stop() override {}
   void recoverUnfinished(const std::filesystem::path&) override {}
+  void attachTap(std::shared_ptr<PCMTap>, int) override {}
   void detachTap(int) override {}
   void followAudioSlot(int) override {}
 };

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,6 +12,8 @@
 #include "outputs/record_options.h"
 
 namespace qvn {
+
+class PCMTap;
 
 class SessionRecorder {
  public:
@@ -27,6 +30,9 @@ class SessionRecorder {
   // thread; `onRecovered` hears each one's name.
   virtual void recoverUnfinished(const std::filesystem::path& folder) = 0;
   std::function<void(const std::string& name)> onRecovered;
+  // A phone's own sound, which a recording of its slot (or of Program while it is on air)
+  // may take instead of the mix; none of it reaches the movie otherwise.
+  virtual void attachTap(std::shared_ptr<PCMTap> tap, int slot) = 0;
   virtual void detachTap(int slot) = 0;
   // A recording of Program follows the sound of the input on Program.
   virtual void followAudioSlot(int slot) = 0;

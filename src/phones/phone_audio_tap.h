@@ -11,12 +11,12 @@
 #include <vector>
 
 #include "audio/pcm_buffer.h"
+#include "audio/pcm_tap.h"
 
 namespace qvn {
 
-class PhoneAudioTap {
+class PhoneAudioTap final : public PCMTap {
  public:
-  using Consumer = std::function<void(const PCMView& pcm)>;
   static constexpr double kLevelInterval = 0.05;
 
   // `mix` brings the slot's sound into the audio mix.
@@ -24,7 +24,7 @@ class PhoneAudioTap {
 
   std::function<void(const std::vector<float>& levels)> onLevel;
 
-  void setConsumer(Consumer consumer);
+  void setConsumer(Consumer consumer) override;
   void render(const PCMView& pcm);
 
   int slot() const { return slot_; }

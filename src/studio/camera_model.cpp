@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <random>
 
+#include "phones/phone_audio_tap.h"
 #include "platform/defaults.h"
 #include "platform/net.h"
 #include "studio/camera_model_hop.h"
@@ -97,6 +98,12 @@ void CameraModel::wireHubs() {
       m.lockedFocus.erase(slot);
     }
   });
+  h.signaling->onAudioTap = hop([](CameraModel& m, int slot, std::shared_ptr<PhoneAudioTap> tap) {
+    if (tap)
+      m.hubs_.recorder->attachTap(std::move(tap), slot);
+    else
+      m.hubs_.recorder->detachTap(slot);
+  });
   h.signaling->onResolution =
       hop([](CameraModel& m, int slot, std::string text, int width, int height) {
         if (slot < 1 || slot > kSlotCount) return;
@@ -121,11 +128,17 @@ void CameraModel::wireHubs() {
 
   h.recorder->onState =
       hop([](CameraModel& m, bool running, std::optional<std::filesystem::path> file) {
-        m.recording = running;
-        m.recordURL = file;
+        // A recording started over another: the older movie finishes after the new one has
+        // begun, and must not end it in the header.
+        const bool older = !running && m.recording() && file != m.recordURL();
+        if (!older) {
+          m.recording = running;
+          m.recordURL = file;
+        }
         if (running) return;
-        m.recordTimer_.cancel();
-        if (file) {
+        if (!older) m.recordTimer_.cancel();
+        if (file && file != m.lastSavedURL_) {
+          m.lastSavedURL_ = file;
           m.flash("Recording saved");
           m.library = m.hubs_.mediaLibrary->items();
         }

@@ -400,6 +400,7 @@ class CameraModel {
   DelayedWork persistWork_;
   DelayedWork audioSaveWork_;
   RepeatingTimer recordTimer_;
+  std::optional<std::filesystem::path> lastSavedURL_;  // the last movie said to be saved
   std::map<int, DelayedWork> pictureChecks_;
   StudioPanel storedPanel_ = StudioPanel::inspector;
   Subscription panelRule_;

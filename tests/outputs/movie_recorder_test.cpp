@@ -9,6 +9,7 @@
 #include <ctime>
 #include <mutex>
 
+#include "audio/pcm_tap.h"
 #include "platform/movie_writer.h"
 
 namespace qvn::test {
@@ -203,7 +204,7 @@ TEST_F(MovieRecorderTest, AStartWhileRecordingFinishesTheFirstMovie) {
   ASSERT_TRUE(recorder->start(0, {RecordAudioSource::Kind::none}, silent, std::nullopt));
   EXPECT_FALSE(seen.settings[0].audio);
   EXPECT_FALSE(bus);  // no sound asked for: the record bus isn't joined
-  // A phone's own sound can't be recorded yet: pictures only.
+  // No phone's sound on Program: pictures only.
   silent.prefix = "Second";
   ASSERT_TRUE(recorder->start(0, {RecordAudioSource::Kind::camera}, silent, std::nullopt));
   EXPECT_FALSE(seen.settings[1].audio);
@@ -212,6 +213,47 @@ TEST_F(MovieRecorderTest, AStartWhileRecordingFinishesTheFirstMovie) {
   ASSERT_EQ(states.size(), 3u);
   EXPECT_THAT(states[1], ::testing::StartsWith("off First"));
   EXPECT_THAT(states[2], ::testing::StartsWith("on Second"));
+}
+
+// A phone's sound as its tap hands it over: 48 kHz stereo, interleaved.
+struct FakeTap final : PCMTap {
+  void setConsumer(Consumer c) override { consumer = std::move(c); }
+  void play(float value, int frames = 480) {
+    std::vector<float> samples(std::size_t(frames) * 2, value);
+    PCMView pcm;
+    pcm.frames = frames;
+    pcm.planes[0] = samples.data();
+    if (consumer) consumer(pcm);
+  }
+  Consumer consumer;
+};
+
+TEST_F(MovieRecorderTest, APhonesOwnSoundIsLaidEndToEndOnTheClockWhileItsInputIsOnProgram) {
+  auto tap = std::make_shared<FakeTap>();
+  recorder->attachTap(tap, 3);  // the input on Program
+  ASSERT_TRUE(recorder->start(0, {RecordAudioSource::Kind::camera}, {}, std::nullopt));
+  EXPECT_TRUE(seen.settings[0].audio);
+  EXPECT_FALSE(bus);  // the mix is not what this movie hears
+  clock = 10'000;
+  tap->play(0.5f);  // the first media: time zero
+  clock = 10'100;   // arrives early: laid after the first all the same
+  tap->play(0.25f);
+  clock = 40'000;  // after a pause the sound starts again where the clock is
+  tap->play(0.125f);
+  recorder->followAudioSlot(5);  // another input on Program: this phone is no longer heard
+  settle();
+  tap->play(1.0f);
+  settle();
+  EXPECT_THAT(seen.audio, ElementsAre(0, 480, 30'000));
+  EXPECT_THAT(seen.audioFirstSample, ElementsAre(16384, 8192, 4096));
+
+  recorder->detachTap(3);
+  EXPECT_FALSE(tap->consumer);
+  // Without a phone there, or with a microphone the studio doesn't capture, pictures only.
+  ASSERT_TRUE(recorder->start(0, {RecordAudioSource::Kind::camera}, {}, std::nullopt));
+  EXPECT_FALSE(seen.settings[1].audio);
+  ASSERT_TRUE(recorder->start(0, {RecordAudioSource::Kind::mac}, {}, std::nullopt));
+  EXPECT_FALSE(seen.settings[2].audio);
 }
 
 }  // namespace

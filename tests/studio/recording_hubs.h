@@ -131,6 +131,7 @@ QVN_HUB(RecRecorder, SessionRecorder, std::optional<std::filesystem::path> file;
                                              const std::optional<std::string>& workspace) override {
     return rec("start", slot, int(audio.kind), workspace), file; }
   QVN_REC(void, stop, ()) QVN_REC(void, detachTap, (int slot), slot)
+  void attachTap(std::shared_ptr<PCMTap> tap, int slot) override { rec("attachTap", bool(tap), slot); }
   QVN_REC(void, recoverUnfinished, (const std::filesystem::path& folder), folder.filename().string())
   QVN_REC(void, followAudioSlot, (int slot), slot))
 QVN_HUB(RecPublisher, GoLivePublisher, bool starts = true;

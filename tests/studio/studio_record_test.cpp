@@ -1,5 +1,7 @@
 // Recording and stills as the operator starts them: the refusals and their words, the
-// running time, the end, and a recovered movie announced once.
+// running time, the end (a recording started over another included), and a recovered movie
+// announced once.
+#include "phones/phone_audio_tap.h"
 #include "studio/recording_hubs.h"
 
 namespace qvn::test {
@@ -36,9 +38,35 @@ TEST_F(StudioRecord, ARecordingStartsOnlyWithSomethingToRecordAndSaysWhenItEnds)
   main.advance(5);
   EXPECT_DOUBLE_EQ(m.recordElapsed(), 2.0);  // the clock stopped with the recording
 
+  // A recording started over another: the older movie ends after the new one began.
+  hubs.recorder->file = root / "Next.mp4";
+  m.startRecord();
+  hubs.recorder->file = root / "Last.mp4";
+  m.startRecord();
+  hubs.recorder->onState(true, root / "Last.mp4");
+  hubs.recorder->onState(false, root / "Next.mp4");
+  main.advance(0);
+  EXPECT_EQ(m.toast(), "Recording saved");
+  main.advance(1.0);
+  EXPECT_TRUE(m.recording());
+  EXPECT_EQ(m.recordURL(), root / "Last.mp4");
+  EXPECT_DOUBLE_EQ(m.recordElapsed(), 1.0);
+  hubs.recorder->onState(false, root / "Last.mp4");
+  main.advance(0);
+  EXPECT_FALSE(m.recording());
+
   hubs.recorder->onRecovered("Show.mp4");
   main.advance(0);
   EXPECT_EQ(m.toast(), "Recovered the recording Show.mp4");
+}
+
+TEST_F(StudioRecord, APhonesSoundIsOfferedToTheRecorderWhileItIsThere) {
+  start();
+  hubs.signaling->onAudioTap(2, std::make_shared<PhoneAudioTap>(2, nullptr));
+  hubs.signaling->onAudioTap(2, nullptr);
+  main.advance(0);
+  EXPECT_TRUE(trace.has("recorder.attachTap true 2"));
+  EXPECT_TRUE(trace.has("recorder.detachTap 2"));
 }
 
 TEST_F(StudioRecord, StillsWithoutAPictureSayWhy) {

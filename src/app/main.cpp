@@ -257,6 +257,11 @@ int runStudio(const Options& options, qvn::MainQueue& main, const MainLoop& loop
   hubs.sleep = qvn::makeLogindSleepWatcher();
   hubs.stayAwake = qvn::makeLogindStayAwake();
   hubs.lifecycle = lifecycle;
+  // The external inputs' saved routing, and the meters fifteen times a second.
+  if (auto audio = std::dynamic_pointer_cast<qvn::AudioEngine>(hubs.audio)) {
+    audio->attachSettings(settings);
+    audio->startPublishing(main, hubs.meterBus);
+  }
   // Program and the stream bus as one RTMP stream, for Go Live and for --publish.
   auto publisher = qvn::RTMPPublisher::make(
       {hubs.frames, std::dynamic_pointer_cast<qvn::AudioEngine>(hubs.audio), [] {

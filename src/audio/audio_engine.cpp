@@ -24,6 +24,7 @@ AudioEngine::AudioEngine()
 
 AudioEngine::~AudioEngine() {
   drainTimer_.cancel();
+  publishStart_.cancel();
   publishTimer_.cancel();
   {
     std::lock_guard lock(controlLock_);
@@ -53,7 +54,7 @@ void AudioEngine::restart() {
   if (!output_ && monitorUID_) output_ = openAudioOutput(std::nullopt, render, error);
   if (!output_) {
     // No sound server: the mix keeps its own time, so streams and recordings carry sound.
-    QvnLog::line("audio engine on its own clock: " + error);
+    QvnLog::line("audio engine start failed: " + error);
     output_ = openNullAudioOutput(render);
   }
   started_ = true;
@@ -330,11 +331,26 @@ QvnAudioSnapshot AudioEngine::publishNow() {
   return snap;
 }
 
-void AudioEngine::startPublishing(Queue& main,
+void AudioEngine::startPublishing(Queue& main, std::shared_ptr<QvnMeterBus> meters,
                                   std::function<void(const QvnAudioSnapshot&)> onSnapshot) {
-  publishTimer_ = RepeatingTimer(main, 1.0 / 15, [weak = weak_from_this(), onSnapshot] {
-    if (auto self = weak.lock()) onSnapshot(self->publishNow());
-  });
+  auto tick = [weak = weak_from_this(), meters, onSnapshot] {
+    auto self = weak.lock();
+    if (!self) return;
+    const QvnAudioSnapshot snap = self->publishNow();
+    if (meters) {
+      for (const auto& source : snap.sources)
+        meters->push(source.id, {source.meter.begin(), source.meter.end()});
+      meters->pushMaster({snap.streamMeter.peak.begin(), snap.streamMeter.peak.end()});
+    }
+    if (onSnapshot) onSnapshot(snap);
+  };
+  // The first tick 0.1 s from now, then on the 1/15 s grid from there; the timer's own
+  // first tick is one interval after it is made.
+  publishStart_ = DelayedWork::schedule(
+      main, kFirstPublishSeconds - kPublishSeconds, [weak = weak_from_this(), &main, tick] {
+        if (auto self = weak.lock())
+          self->publishTimer_ = RepeatingTimer(main, kPublishSeconds, tick);
+      });
 }
 
 }  // namespace qvn

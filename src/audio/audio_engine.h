@@ -70,9 +70,14 @@ class AudioEngine final : public QvnAudioEngine, public std::enable_shared_from_
   // every change.
   void attachSettings(Defaults& settings);
 
-  // ---- Meters: one snapshot now, and every 1/15 s on `main` from here on.
+  // ---- Meters: one snapshot now; or, from 0.1 s after `startPublishing` (called once) on,
+  // one every 1/15 s on `main`, whose sources' meters and stream peak (as the master) go
+  // to `meters` before the snapshot goes to `onSnapshot`.
+  static constexpr double kFirstPublishSeconds = 0.1;
+  static constexpr double kPublishSeconds = 1.0 / 15;
   QvnAudioSnapshot publishNow();
-  void startPublishing(Queue& main, std::function<void(const QvnAudioSnapshot&)> onSnapshot);
+  void startPublishing(Queue& main, std::shared_ptr<QvnMeterBus> meters,
+                       std::function<void(const QvnAudioSnapshot&)> onSnapshot = {});
 
  private:
   // The control side's mirror of a source. Under the control lock.
@@ -98,7 +103,8 @@ class AudioEngine final : public QvnAudioEngine, public std::enable_shared_from_
   std::map<int, std::array<float, 2>> peakHold_, rmsHold_;
   Defaults* settings_ = nullptr;
   std::array<std::atomic<double>, AudioMix::kSources> lastIngest_{};
-  RepeatingTimer publishTimer_;
+  DelayedWork publishStart_;
+  RepeatingTimer publishTimer_;  // made on the main queue
   std::optional<std::string> monitorUID_;
   bool started_ = false;
   bool loggedFirst_ = false;

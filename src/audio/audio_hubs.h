@@ -76,6 +76,8 @@ class QvnExternalHub {
 class QvnMeterBus {
  public:
   virtual ~QvnMeterBus() = default;
+  // A source's levels, by its engine id (slots 1–16, external inputs 101–105).
+  virtual void push(int /*id*/, std::vector<float> /*levels*/) {}
   virtual void pushMaster(std::vector<float> levels) = 0;
   virtual void pushMix(std::vector<float> levels) = 0;
   virtual void clear(int slot) = 0;

@@ -10,7 +10,8 @@ extern "C" {
 
 namespace qvn {
 
-PCMConverter::PCMConverter() : out_(2 * size_t(kMaxFrames)) {}
+// Room for a whole block behind what an old resampler may still hold.
+PCMConverter::PCMConverter() : out_(2 * size_t(2 * kMaxFrames)) {}
 
 PCMConverter::~PCMConverter() {
   swr_free(&swr_);
@@ -39,30 +40,58 @@ bool PCMConverter::rebuild(const FormatKey& key) {
   return true;
 }
 
+int PCMConverter::flush() {
+  if (!swr_) return 0;
+  int held = 0;
+  const int room = std::min(swr_get_out_samples(swr_, 0), kMaxFrames);
+  if (room > 0) {
+    resampled_.resize(size_t(room) * size_t(key_.channels));
+    auto* out = reinterpret_cast<std::uint8_t*>(resampled_.data());
+    const int got = swr_convert(swr_, &out, room, nullptr, 0);
+    if (got > 0) {
+      PCMView tail;
+      tail.channels = key_.channels;
+      tail.frames = got;
+      tail.planes[0] = resampled_.data();
+      held = pick(tail, 0);
+    }
+  }
+  swr_free(&swr_);
+  key_ = {};
+  return held;
+}
+
 // Float frames at the mix's rate: copied, with mono doubled and extra channels left out.
-const float* PCMConverter::pick(const PCMView& pcm, int& frames) {
+int PCMConverter::pick(const PCMView& pcm, int at) {
   const int n = std::min(pcm.frames, kMaxFrames);
   const int right = pcm.channels > 1 ? 1 : 0;
+  float* dest = out_.data() + 2 * size_t(at);
   for (int i = 0; i < n; ++i) {
     if (pcm.interleaved) {
       const auto* in = static_cast<const float*>(pcm.planes[0]);
-      out_[2 * size_t(i)] = in[size_t(i) * size_t(pcm.channels)];
-      out_[2 * size_t(i) + 1] = in[size_t(i) * size_t(pcm.channels) + size_t(right)];
+      dest[2 * size_t(i)] = in[size_t(i) * size_t(pcm.channels)];
+      dest[2 * size_t(i) + 1] = in[size_t(i) * size_t(pcm.channels) + size_t(right)];
     } else {
-      out_[2 * size_t(i)] = static_cast<const float*>(pcm.planes[0])[i];
-      out_[2 * size_t(i) + 1] = static_cast<const float*>(pcm.planes[size_t(right)])[i];
+      dest[2 * size_t(i)] = static_cast<const float*>(pcm.planes[0])[i];
+      dest[2 * size_t(i) + 1] = static_cast<const float*>(pcm.planes[size_t(right)])[i];
     }
   }
-  frames = n;
-  return out_.data();
+  return at + n;
 }
 
 const float* PCMConverter::convert(const PCMView& pcm, int& frames) {
   frames = 0;
   if (pcm.frames <= 0 || pcm.channels < 1 || pcm.channels > 8 || pcm.rate <= 0) return nullptr;
-  if (pcm.rate == 48000 && pcm.format == SampleFormat::float32) return pick(pcm, frames);
+  const bool direct = pcm.rate == 48000 && pcm.format == SampleFormat::float32;
   const FormatKey key{pcm.rate, pcm.channels, pcm.format, pcm.interleaved};
-  if ((!swr_ || !(key == key_)) && !rebuild(key)) return nullptr;
+  // A new format: what the old resampler still holds goes out first.
+  const int held = swr_ && (direct || !(key == key_)) ? flush() : 0;
+  frames = held;
+  if (direct) {
+    frames = pick(pcm, held);
+    return out_.data();
+  }
+  if (!swr_ && !rebuild(key)) return held > 0 ? out_.data() : nullptr;
   // Room for all it will give back, so nothing piles up inside the resampler.
   const int room = std::max(swr_get_out_samples(swr_, pcm.frames), 1);
   resampled_.resize(size_t(room) * size_t(pcm.channels));
@@ -71,12 +100,14 @@ const float* PCMConverter::convert(const PCMView& pcm, int& frames) {
       swr_, &out, room,
       reinterpret_cast<const std::uint8_t**>(const_cast<const void**>(pcm.planes.data())),
       pcm.frames);
-  if (converted <= 0) return nullptr;
-  PCMView resampled;
-  resampled.channels = pcm.channels;
-  resampled.frames = converted;
-  resampled.planes[0] = resampled_.data();
-  return pick(resampled, frames);
+  if (converted > 0) {
+    PCMView resampled;
+    resampled.channels = pcm.channels;
+    resampled.frames = converted;
+    resampled.planes[0] = resampled_.data();
+    frames = pick(resampled, held);
+  }
+  return frames > 0 ? out_.data() : nullptr;
 }
 
 }  // namespace qvn

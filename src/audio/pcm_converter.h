@@ -22,7 +22,9 @@ class PCMConverter {
   PCMConverter& operator=(const PCMConverter&) = delete;
 
   // The converted frames, at most 8192; none when the format can't be converted. The
-  // result stays valid until the next call.
+  // result stays valid until the next call. When the format changes, the sound the old
+  // resampler still held comes first (a few dozen frames more), so the stream goes on
+  // without a gap.
   const float* convert(const PCMView& pcm, int& frames);
 
  private:
@@ -34,7 +36,10 @@ class PCMConverter {
     bool operator==(const FormatKey&) const = default;
   };
   bool rebuild(const FormatKey& key);
-  const float* pick(const PCMView& pcm, int& frames);
+  // Empties the resampler into the front of the output and lets it go; the frames given.
+  int flush();
+  // Writes the frames to the output from frame `at` on; the output's end.
+  int pick(const PCMView& pcm, int at);
 
   std::vector<float> out_;
   std::vector<float> resampled_;  // the resampler's output, all channels

@@ -35,12 +35,13 @@ constexpr double kPi = 3.14159265358979;
 
 class SoundServer {
  public:
-  SoundServer() : dir_(makeTempDir("pulse")) {
+  // One output, "qvn_null", whose device format is `sink`.
+  explicit SoundServer(const std::string& sink = "format=float32le rate=48000 channels=2")
+      : dir_(makeTempDir("pulse")) {
     std::ofstream(dir_ / "default.pa")
         << "load-module module-native-protocol-unix socket=" << (dir_ / "native").string()
         << " auth-anonymous=1\n"
-        << "load-module module-null-sink sink_name=qvn_null format=float32le rate=48000 "
-           "channels=2\n"
+        << "load-module module-null-sink sink_name=qvn_null " << sink << "\n"
         << "set-default-sink qvn_null\n";
     ::setenv("HOME", dir_.c_str(), 1);
     ::setenv("XDG_RUNTIME_DIR", dir_.c_str(), 1);
@@ -197,6 +198,38 @@ TEST(AudioEngineOnASoundServer, AToneOnProgramPlaysWithoutAGapAndReachesTheStrea
   EXPECT_TRUE(engine->isRunning());
   engine->addBusConsumer("publisher", nullptr);
   setAppPaths(saved);
+}
+
+// The studio says what its monitor plays on: the device's own format on a server, the
+// engine's own clock after a failed start without one.
+TEST(AudioEngineOnASoundServer, TheHeadlessStudioLogsTheDeviceItRunsOn) {
+  const fs::path work = makeTempDir("studio-audio");
+  auto studioLog = [&](const std::string& name) {
+    ChildProcess studio({QVN_STUDIO, "--headless", "--data-root", (work / name).string(),
+                         "--api-base", "http://127.0.0.1:9", "--for", "3"},
+                        work / (name + ".out"), work / (name + ".err"));
+    EXPECT_TRUE(studio.wait(60)) << name << " did not end";
+    return readFile(work / (name + ".out")).value_or("");
+  };
+
+  ::setenv("HOME", work.c_str(), 1);  // whatever caches it keeps stay in here
+  ::setenv("PULSE_SERVER", ("unix:" + (work / "nothing-here").string()).c_str(), 1);
+  const std::string alone = studioLog("alone");
+  const size_t failed = alone.find("audio engine start failed: ");
+  ASSERT_NE(failed, std::string::npos) << alone;
+  EXPECT_NE(alone.find("audio engine running 48k stereo hw=48000Hz/2ch", failed), std::string::npos)
+      << alone;
+
+  {
+    // A mono output: our stream is stereo whatever the device is. (Its rate tells nothing:
+    // the server moves an idle output to 48 kHz for a 48 kHz stream.)
+    SoundServer server("format=s16le rate=48000 channels=1");
+    const std::string played = studioLog("played");
+    EXPECT_EQ(played.find("audio engine start failed"), std::string::npos) << played;
+    EXPECT_NE(played.find("audio engine running 48k stereo hw=48000Hz/1ch"), std::string::npos)
+        << played;
+  }
+  if (!::getenv("QVN_KEEP")) fs::remove_all(work);
 }
 
 }  // namespace

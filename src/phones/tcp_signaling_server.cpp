@@ -102,7 +102,10 @@ std::optional<std::string> TCPSignalingServer::start() {
       error);
   if (!listener_) return "Can't listen for phones on port " + std::to_string(port_) + ": " + error;
   advertise();
-  log("Listening on: " + std::to_string(port()) + " (Bonjour _quorvane-cam._tcp, TCP JSON)");
+  const std::string portText = std::to_string(port());
+  log("Listening on: " + portText + " (Bonjour _quorvane-cam._tcp, TCP JSON)");
+  // Bound and listening is as ready as this listener gets: it reports no later state.
+  log("Signaling ready: " + portText);
   return std::nullopt;
 }
 
@@ -228,7 +231,7 @@ void TCPSignalingServer::hello(const nlohmann::json& message, LineClient* client
     sender->send({{"type", "error"}, {"message", "Could not start this camera session."}});
     return;
   }
-  wire(*session, *slot, sender);
+  wire(session, *slot, sender);
   const Slot& held = slots_[*slot] = Slot{session, sender, name, sessionID, *slot};
   if (onAudioTap) onAudioTap(*slot, session->audioTap());
   sendWelcome(*sender, held);
@@ -245,10 +248,19 @@ void TCPSignalingServer::sendWelcome(LineClient& client, const Slot& slot) {
                {"slot", slot.number}});
 }
 
-void TCPSignalingServer::wire(ReceiverSession& session, int slot,
+bool TCPSignalingServer::heldBy(int slot, const std::weak_ptr<ReceiverSession>& session) const {
+  auto it = slots_.find(slot);
+  return it != slots_.end() && it->second.session == session.lock();
+}
+
+void TCPSignalingServer::wire(const std::shared_ptr<ReceiverSession>& made, int slot,
                               std::shared_ptr<LineClient> client) {
+  ReceiverSession& session = *made;
   std::weak_ptr<TCPSignalingServer> weak = weak_from_this();
   std::weak_ptr<LineClient> weakClient = client;
+  // Jobs the session posts may run after it was dropped and another phone took the slot;
+  // they act only while the slot is still this session's.
+  std::weak_ptr<ReceiverSession> owner = made;
   const std::string cam = "Cam " + std::to_string(slot);
   session.onStatus = [weak, cam](const std::string& status) {
     if (auto self = weak.lock()) self->log(cam + ": " + status);
@@ -262,29 +274,26 @@ void TCPSignalingServer::wire(ReceiverSession& session, int slot,
       if (self->onVideo) self->onVideo(slot, track);
     }
   };
-  session.onPeerGone = [weak, slot, cam] {
+  session.onPeerGone = [weak, slot, cam, owner] {
     if (auto self = weak.lock())
-      self->queue_->async([weak, slot, cam] {
+      self->queue_->async([weak, slot, cam, owner] {
         auto server = weak.lock();
-        if (!server) return;
-        auto it = server->slots_.find(slot);
-        if (it == server->slots_.end()) return;
+        if (!server || !server->heldBy(slot, owner)) return;
         server->log(cam + " peer connection gone, freeing the slot");
-        server->drop(it->second.client.get());
+        server->drop(server->slots_[slot].client.get());
       });
   };
   session.onResolution = [weak, slot](const std::string& label, int w, int h) {
     if (auto self = weak.lock(); self && self->onResolution) self->onResolution(slot, label, w, h);
   };
-  // A track that went takes its tap with it; a new one brings the session's tap back.
-  session.onAudioTrack = [weak, slot](std::shared_ptr<RemoteAudioTrack> track) {
+  // A track that went takes its tap with it; a new one brings the session's tap back. A
+  // dropped session's slot was detached by `drop` already.
+  session.onAudioTrack = [weak, slot, owner](std::shared_ptr<RemoteAudioTrack> track) {
     if (auto self = weak.lock())
-      self->queue_->async([weak, slot, present = track != nullptr] {
+      self->queue_->async([weak, slot, owner, present = track != nullptr] {
         auto server = weak.lock();
-        if (!server || !server->onAudioTap) return;
-        if (!present) return server->onAudioTap(slot, nullptr);
-        if (auto it = server->slots_.find(slot); it != server->slots_.end())
-          server->onAudioTap(slot, it->second.session->audioTap());
+        if (!server || !server->onAudioTap || !server->heldBy(slot, owner)) return;
+        server->onAudioTap(slot, present ? server->slots_[slot].session->audioTap() : nullptr);
       });
   };
 }

@@ -77,7 +77,10 @@ class TCPSignalingServer final : public SignalingServer,
   void drop(LineClient* client);
   std::optional<int> freeSlot();
   static void sendWelcome(LineClient& client, const Slot& slot);
-  void wire(ReceiverSession& session, int slot, std::shared_ptr<LineClient> client);
+  void wire(const std::shared_ptr<ReceiverSession>& session, int slot,
+            std::shared_ptr<LineClient> client);
+  // Whether `slot` is still held by `session`, which may be gone.
+  bool heldBy(int slot, const std::weak_ptr<ReceiverSession>& session) const;
   void publishSlots();
   std::optional<int> slotOf(LineClient* client) const;
 

@@ -1,10 +1,12 @@
 // Two simulated phones against the studio on loopback: the real signaling server, receiver
 // sessions, frame hub and mix engine under the real studio model. Both pair, their pictures
 // arrive at the rate they are sent, the first goes to Program by itself, and when one phone
-// vanishes its slot empties and Program moves to the phone that is left.
+// vanishes its slot empties and Program moves to the phone that is left. Then the shipped
+// binary alone, as a user starts it: the PIN it prints pairs a phone that takes Program.
 #include <gmock/gmock.h>
 
 #include <signal.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <atomic>
@@ -12,11 +14,13 @@
 #include <cmath>
 #include <cstdio>
 #include <mutex>
+#include <regex>
 #include <thread>
 
 #include "audio/audio_engine.h"
 #include "phones/tcp_signaling_server.h"
 #include "phones/webrtc_receiver_session.h"
+#include "platform/files.h"
 #include "studio/recording_hubs.h"
 #include "testing/child_process.h"
 #include "video/mix_engine.h"
@@ -170,8 +174,10 @@ TEST_F(PhonesEndToEnd, TwoPhonesPairStreamAndHandOverProgramWhenOneGoes) {
 
   // The second is held upright and starts small, as phones do, then climbs to its full size.
   addPhone("South", {"--portrait", "--climb"});
-  ASSERT_TRUE(runUntil([&] { return model->slots()[1].live && second.frames > 0; }))
-      << phoneLog("South");
+  ASSERT_TRUE(runUntil([&] { return model->slots()[1].live; })) << phoneLog("South");
+  const double secondPaired = monotonicTime();
+  ASSERT_TRUE(runUntil([&] { return second.frames > 0; })) << phoneLog("South");
+  EXPECT_LT(second.firstAt - secondPaired, 3.0);
   EXPECT_EQ(model->slots()[1].title, "South");
   EXPECT_EQ(model->programSlot(), 1);
   EXPECT_EQ(frames->size(2), (FrameSize{180, 320}));
@@ -180,12 +186,14 @@ TEST_F(PhonesEndToEnd, TwoPhonesPairStreamAndHandOverProgramWhenOneGoes) {
   ASSERT_TRUE(runUntil([&] { return model->slots()[1].receivedHeight == 640; }));
   ASSERT_TRUE(runUntil([&] { return second.frames > afterClimb + kFps / 2; }));
 
-  // Pictures keep coming at the rate they are sent.
-  const int before = first.frames;
+  // Both phones' pictures keep coming at the rate they are sent.
+  const int firstBefore = first.frames;
+  const int secondBefore = second.frames;
   const double from = monotonicTime();
   runUntil([] { return false; }, 3.0);
-  const double rate = (first.frames - before) / (monotonicTime() - from);
-  EXPECT_NEAR(rate, kFps, kFps * 0.1);
+  const double span = monotonicTime() - from;
+  EXPECT_NEAR((first.frames - firstBefore) / span, kFps, kFps * 0.1) << "North";
+  EXPECT_NEAR((second.frames - secondBefore) / span, kFps, kFps * 0.1) << "South";
 
   // The phone on Program vanishes: its slot empties and Program moves to the other one.
   phones[0]->stop(SIGKILL, 1);
@@ -193,6 +201,48 @@ TEST_F(PhonesEndToEnd, TwoPhonesPairStreamAndHandOverProgramWhenOneGoes) {
   EXPECT_FALSE(frames->hasFrame(1));
   ASSERT_TRUE(runUntil([&] { return model->programSlot() == 2; }));
   EXPECT_TRUE(model->slots()[1].live);
+}
+
+// What `pattern` (its first group, when it has one) first matches in what `studio` writes to
+// `out`, waiting while it runs: at most a minute, for liveness on a busy machine.
+std::optional<std::string> awaitLine(ChildProcess& studio, const std::filesystem::path& out,
+                                     const std::regex& pattern) {
+  for (auto until = std::chrono::steady_clock::now() + 60s;;) {
+    const bool running = studio.running();
+    const std::string text = readFile(out).value_or("");
+    if (std::smatch found; std::regex_search(text, found, pattern))
+      return found[found.size() > 1 ? 1 : 0].str();
+    if (!running || std::chrono::steady_clock::now() > until) return std::nullopt;
+    std::this_thread::sleep_for(100ms);
+  }
+}
+
+TEST(PhonesHeadless, ThePrintedPinPairsAPhoneWhoseFirstPictureTakesProgram) {
+  const auto work = makeTempDir("phones-headless");
+  const std::string port = std::to_string(freeLoopbackPorts(1)[0]);
+  const auto out = work / "studio.out";
+  const auto phoneLog = work / "phone.log";
+  ChildProcess studio({QVN_STUDIO, "--headless", "--data-root", (work / "data").string(),
+                       "--api-base", "http://127.0.0.1:9", "--phones", "--phone-port", port,
+                       "--phone-local-addr", "127.0.0.1", "--for", "15"},
+                      out, work / "studio.err");
+  auto logs = [&] { return readFile(out).value_or("") + readFile(phoneLog).value_or(""); };
+  const auto pin =
+      awaitLine(studio, out, std::regex("Ready on [^\\n]*:" + port + "  PIN ([0-9]{4})"));
+  ASSERT_TRUE(pin) << logs();
+  EXPECT_TRUE(awaitLine(studio, out, std::regex("Signaling ready: " + port))) << logs();
+  ChildProcess phone({QVN_PHONE_SIM, "--studio", "127.0.0.1:" + port, "--pin", *pin, "--local-addr",
+                      "127.0.0.1", "--loop", "--size", "1280x720", "--for", "10"},
+                     phoneLog, phoneLog);
+  EXPECT_TRUE(awaitLine(studio, out, std::regex("Cam 1 reserved for Sim Phone"))) << logs();
+  EXPECT_TRUE(awaitLine(studio, out, std::regex("program ← input 1 \\(first picture\\)")))
+      << logs();
+  // It ends by itself, and cleanly.
+  const auto status = studio.wait(60);
+  ASSERT_TRUE(status) << "the studio outlived --for";
+  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << logs();
+  phone.stop(SIGTERM, 5);
+  std::filesystem::remove_all(work);
 }
 
 }  // namespace

@@ -2,7 +2,9 @@
 // read its answers; the studio's side is the server's callbacks, written down.
 #include "phones/tcp_signaling_server.h"
 
+#include "phones/phone_audio_tap.h"
 #include "platform/net.h"
+#include "platform/webrtc.h"
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
@@ -11,7 +13,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <condition_variable>
+#include <future>
 #include <regex>
 #include <thread>
 
@@ -20,7 +24,9 @@ namespace {
 
 using namespace std::chrono_literals;
 using ::testing::Contains;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 // A phone's side of the wire: lines out, lines in.
 class Phone {
@@ -68,6 +74,8 @@ class Phone {
 struct FakeAnswer : ReceiverSession {
   std::vector<nlohmann::json> candidates;
   bool closed = false;
+  std::shared_ptr<PhoneAudioTap> tap;
+  std::shared_ptr<PhoneAudioTap> audioTap() const override { return tap; }
   void handleOffer(const std::string& sdp,
                    std::function<void(std::optional<std::string>)> done) override {
     done(sdp.find("m=video") != std::string::npos
@@ -82,8 +90,10 @@ class Signaling : public ::testing::Test {
  protected:
   Signaling() {
     server = TCPSignalingServer::make(
-        [this](int slot, const std::string&, const std::string&) {
+        [this](int slot, const std::string&, const std::string&) -> std::shared_ptr<FakeAnswer> {
+          if (failSessions) return nullptr;
           auto s = std::make_shared<FakeAnswer>();
+          s->tap = std::make_shared<PhoneAudioTap>(slot, nullptr);
           std::lock_guard lock(mutex);
           sessions[slot] = s;
           return s;
@@ -99,10 +109,14 @@ class Signaling : public ::testing::Test {
     server->onCaps = [this](int slot, const nlohmann::json& caps) {
       note([&] { capsSeen.emplace_back(slot, caps); });
     };
+    server->onAudioTap = [this](int slot, std::shared_ptr<PhoneAudioTap> tap) {
+      note([&] { taps[slot] = tap; });
+    };
     server->isSlotLocallyOccupied = [this](int slot) { return localSlots.contains(slot); };
     server->openSlotLimit = [this] { return openSlots; };
     server->setPin("4321");
   }
+  ~Signaling() override { server.reset(); }  // before what its callbacks write into
   template <class F>
   void note(F change) {
     std::lock_guard lock(mutex);
@@ -126,6 +140,22 @@ class Signaling : public ::testing::Test {
     std::lock_guard lock(mutex);
     return !slotReports.empty() && slotReports.back()[size_t(slot - 1)].live;
   }
+  // Twelve phones pair into slots 1 to 12; the thirteenth is told they are full and stays.
+  void expectTwelvePairedAndTheThirteenthRefused() {
+    const auto port = start();
+    std::vector<std::unique_ptr<Phone>> paired;
+    for (int n = 1; n <= 12; ++n) {
+      paired.push_back(std::make_unique<Phone>(port));
+      paired.back()->say({{"type", "hello"}, {"pin", "4321"}});
+      EXPECT_EQ(paired.back()->hear()["slot"], n);
+    }
+    Phone thirteenth(port);
+    thirteenth.say({{"type", "hello"}, {"pin", "4321"}});
+    EXPECT_EQ(thirteenth.hear(),
+              (nlohmann::json{{"type", "error"}, {"message", "All camera slots are full"}}));
+    thirteenth.say({{"type", "ping"}});
+    EXPECT_EQ(thirteenth.hear()["type"], "pong");
+  }
 
   std::shared_ptr<TCPSignalingServer> server;
   std::mutex mutex;
@@ -135,8 +165,10 @@ class Signaling : public ::testing::Test {
   std::vector<std::vector<CameraSlot>> slotReports;
   std::vector<std::pair<int, nlohmann::json>> capsSeen;
   std::map<int, std::shared_ptr<FakeAnswer>> sessions;
+  std::map<int, std::shared_ptr<PhoneAudioTap>> taps;  // the last one each slot was given
   std::set<int> localSlots;
   int openSlots = 12;
+  std::atomic<bool> failSessions{false};
 };
 
 TEST_F(Signaling, APhonePairsGetsASlotAndTradesOfferAnswerAndCandidates) {
@@ -205,7 +237,12 @@ TEST_F(Signaling, RefusalsLeaveThePhoneConnectedToTryAgain) {
             (nlohmann::json{{"type", "pair-fail"}, {"message", "Wrong pairing code"}}));
   phone.say({{"type", "hello"}, {"role", "viewer"}});
   EXPECT_EQ(phone.hear()["message"], "This computer is the receiver.");
-  phone.say({{"type", "hello"}});  // no code at all passes
+  failSessions = true;
+  phone.say({{"type", "hello"}, {"pin", "4321"}});
+  EXPECT_EQ(phone.hear(), (nlohmann::json{{"type", "error"},
+                                          {"message", "Could not start this camera session."}}));
+  failSessions = false;
+  phone.say({{"type", "hello"}});  // no code at all passes, and the slot was given back
   EXPECT_EQ(phone.hear()["slot"], 1);
   phone.hear();
 
@@ -226,8 +263,89 @@ TEST_F(Signaling, RefusalsLeaveThePhoneConnectedToTryAgain) {
   ASSERT_TRUE(waitFor([&] { return !slotReports.empty() && !slotReports.back()[0].live; }));
 }
 
-TEST_F(Signaling, ASilentPeerIsNotedOnceAndAPortInUseIsReported) {
+TEST_F(Signaling, TwelveOpenSlotsTakeTwelvePhonesAndNoMore) {
+  expectTwelvePairedAndTheThirteenthRefused();
+}
+
+TEST_F(Signaling, WithoutALimitFromTheStudioTwelveSlotsAreOpen) {
+  server->openSlotLimit = nullptr;
+  expectTwelvePairedAndTheThirteenthRefused();
+}
+
+TEST_F(Signaling, LinesThatAreNoMessageAndMessagesOutOfTurnChangeNothing) {
   const auto port = start();
+  Phone paired(port);
+  paired.say({{"type", "hello"}, {"pin", "4321"}});
+  ASSERT_EQ(paired.hear()["slot"], 1);
+  paired.hear();  // peer-joined
+  ASSERT_TRUE(waitFor([&] { return slotReports.size() == 1; }));
+
+  Phone stranger(port);
+  // JSON that is not an object is no message, just as text that is not JSON.
+  stranger.raw("[1]\n42\n\"x\"\nnot json\n");
+  stranger.say({{"type", "offer"}, {"sdp", "v=0\r\nm=video 9 UDP/TLS/RTP/SAVPF 96\r\n"}});
+  stranger.say({{"type", "ping"}});
+  EXPECT_EQ(stranger.hear(), (nlohmann::json{{"type", "pong"}}));  // and nothing before it
+  std::vector<std::string> ignored;
+  for (const auto& line : logged())
+    if (line.starts_with("WS ignored")) ignored.push_back(line);
+  EXPECT_THAT(ignored, ElementsAre("WS ignored 3 chars", "WS ignored 2 chars", "WS ignored 3 chars",
+                                   "WS ignored 8 chars"));
+
+  stranger.say({{"type", "bye"}});  // closes that connection and nothing else
+  EXPECT_TRUE(stranger.hear().is_null());
+  paired.say({{"type", "ping"}});
+  EXPECT_EQ(paired.hear()["type"], "pong");
+  const auto lines = logged();
+  EXPECT_THAT(lines, Not(Contains(HasSubstr("offer m=video"))));
+  EXPECT_THAT(lines, Not(Contains(HasSubstr("disconnected"))));
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(slotReports.size(), 1u);
+  EXPECT_EQ(sessions.size(), 1u);
+  EXPECT_TRUE(slotReports.back()[0].live);
+}
+
+// What a dropped session posts on its way out may run after the next phone took its slot:
+// it must neither take that phone's sound away nor free the slot under it.
+TEST_F(Signaling, AGoneSessionsLateJobsLeaveTheNextPhoneInItsSlotAlone) {
+  const auto port = start();
+  Phone first(port);
+  first.say({{"type", "hello"}, {"pin", "4321"}});
+  ASSERT_EQ(first.hear()["slot"], 1);
+  ASSERT_TRUE(waitFor([&] { return taps[1] && taps[1] == sessions[1]->tap; }));
+  std::shared_ptr<FakeAnswer> gone = sessions[1];
+  first.say({{"type", "bye"}});
+  ASSERT_TRUE(waitFor([&] { return !taps[1]; }));
+
+  Phone next(port);
+  next.say({{"type", "hello"}, {"pin", "4321"}});
+  ASSERT_EQ(next.hear()["slot"], 1);
+  ASSERT_TRUE(waitFor([&] { return sessions[1] != gone && taps[1] == sessions[1]->tap; }));
+  std::shared_ptr<FakeAnswer> current = sessions[1];
+  gone->onAudioTrack(nullptr);
+  gone->onPeerGone();
+  server->queue().sync([] {});
+  {
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(taps[1].get(), current->tap.get());
+  }
+  EXPECT_TRUE(liveIn(1));
+  EXPECT_FALSE(current->closed);
+
+  // The slot's own session still takes its tap away with its track, and brings it back.
+  current->onAudioTrack(nullptr);
+  ASSERT_TRUE(waitFor([&] { return !taps[1]; }));
+  current->onAudioTrack(std::make_shared<RemoteAudioTrack>("audio"));
+  ASSERT_TRUE(waitFor([&] { return taps[1] == current->tap; }));
+  current->onPeerGone();
+  ASSERT_TRUE(waitFor([&] { return !slotReports.back()[0].live; }));
+  EXPECT_TRUE(current->closed);
+  EXPECT_THAT(logged(), Contains("Cam 1 peer connection gone, freeing the slot"));
+}
+
+TEST_F(Signaling, TheListenerSaysItIsReadyNotesASilentPeerAndReportsAPortInUse) {
+  const auto port = start();
+  EXPECT_THAT(logged(), Contains("Signaling ready: " + std::to_string(port)));
   Phone quiet(port);
   quiet.raw("\xff\xfe");  // not text
   ASSERT_TRUE(waitFor([&] {
@@ -244,9 +362,42 @@ TEST_F(Signaling, ASilentPeerIsNotedOnceAndAPortInUseIsReported) {
   EXPECT_THAT(diagnostics[1], HasSubstr("[Bonjour] publish failed"));
 
   auto other = TCPSignalingServer::make(nullptr, "127.0.0.1", port);
+  std::vector<std::string> otherLog;
+  other->onLog = [&](std::string line) { otherLog.push_back(line); };
   const auto error = other->start();
   ASSERT_TRUE(error);
   EXPECT_THAT(*error, HasSubstr("Can't listen for phones on port"));
+  EXPECT_THAT(otherLog, Not(Contains(HasSubstr("Signaling ready"))));
+}
+
+// A connection's end is told once, however many times and from whichever side it is closed.
+TEST(LineClientTest, ClosingTwiceOrFromBothEndsGivesOneClose) {
+  SerialQueue timers("test.line-client");
+  for (const bool peerFirst : {false, true}) {
+    auto accepted = std::make_shared<std::promise<std::shared_ptr<NetConnection>>>();
+    std::string error;
+    auto listener = NetListener::listen(
+        "127.0.0.1", 0, [accepted](std::shared_ptr<NetConnection> c) { accepted->set_value(c); },
+        error);
+    ASSERT_TRUE(listener) << error;
+    Phone peer(listener->port());
+    auto connection = accepted->get_future();
+    ASSERT_EQ(connection.wait_for(5s), std::future_status::ready);
+    auto client = LineClient::make(connection.get());
+    std::atomic<int> closes{0};
+    client->onClose = [&closes] { ++closes; };
+    client->start(timers);
+    if (peerFirst) {
+      peer.close();
+      for (int i = 0; i < 500 && closes == 0; ++i) std::this_thread::sleep_for(10ms);
+      EXPECT_EQ(closes, 1);
+    }
+    client->close();
+    client->close();
+    EXPECT_EQ(closes, 1) << (peerFirst ? "peer first" : "closed twice");
+    EXPECT_TRUE(client->closed());
+    listener->stop();
+  }
 }
 
 }  // namespace

@@ -33,6 +33,7 @@ CloudAccount::CloudAccount(Services services)
       pendingDeletes_(services_.transport.settings) {
   transport_.onSessionRevoked = [this] { noteSessionRevoked(); };
   transport_.onAuthUnavailable = [this] { noteAuthUnavailable(); };
+  // Every new access token passes here, by a refresh or by a sign-in (applyAuth).
   transport_.onRefreshed = [this] {
     clearAuthUnavailable();
     guard_.takeToken(transport_.accessToken());

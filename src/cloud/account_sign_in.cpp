@@ -335,6 +335,9 @@ std::optional<std::string> CloudAccount::applyAuth(const nlohmann::json& reply) 
       !refresh->is_string())
     return "Login failed. Check email and password.";
   transport_.storeTokens(reply);
+  // New tokens, as after a refresh: a stream still running from before a revocation must
+  // delete its session with these, not with the revoked ones.
+  if (transport_.onRefreshed) transport_.onRefreshed();
   services_.transport.settings.remove("qvn.access");
   services_.transport.settings.remove("qvn.refresh");
   user = QvnCloud::parseUser(reply.contains("user") ? reply["user"] : nlohmann::json::object(),

@@ -296,7 +296,8 @@ void RTMPPublisher::handleDisconnect(const std::string& reason) {
   // 2-4
   ++reconnectAttempt_;
   ++reconnectCount_;
-  const auto wait = reconnectDelay(reconnectAttempt_);
+  const auto wait = sources_.reconnectWait ? sources_.reconnectWait(reconnectAttempt_)
+                                           : reconnectDelay(reconnectAttempt_);
   if (!wait) {
     QvnLog::line("golive ingest lost after 5 reconnects (" + reason + ")");
     status("ingest lost");

@@ -44,6 +44,9 @@ class RTMPPublisher final : public GoLivePublisher,
     // The H.264 encoder; H264Encoder unless a test gives its own.
     std::function<std::unique_ptr<VideoEncoder>(const H264Settings&, std::string& error)>
         makeEncoder;
+    // The wait before reconnect `attempt`, none to give up; `reconnectDelay` unless a test
+    // shortens it.
+    std::function<std::optional<double>(int attempt)> reconnectWait;
   };
   static std::shared_ptr<RTMPPublisher> make(Sources sources);
   ~RTMPPublisher() override;

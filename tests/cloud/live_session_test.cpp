@@ -1,10 +1,75 @@
 // A stream session on the account: what is accepted from the cloud, the phases and the
 // clock, status polling while the cloud doesn't answer, the embed link, and the end, also
 // at quit and at a sign-out.
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <mutex>
+#include <thread>
+
 #include "cloud/scripted_cloud.h"
 
 namespace qvn::test {
 namespace {
+
+namespace asio = boost::asio;
+namespace bhttp = boost::beast::http;
+using tcp = asio::ip::tcp;
+
+// A cloud on a loopback port that answers every request 200 and keeps the Authorization
+// each carried: what the blocking delete at quit really sends.
+class BearerWitness {
+ public:
+  BearerWitness() {
+    accept();
+    thread_ = std::thread([this] { io_.run(); });
+  }
+  ~BearerWitness() {
+    io_.stop();
+    thread_.join();
+  }
+  std::string apiBase() const {
+    return "http://127.0.0.1:" + std::to_string(acceptor_.local_endpoint().port());
+  }
+  std::vector<std::string> seen() const {
+    std::lock_guard hold(lock_);
+    return seen_;
+  }
+
+ private:
+  struct Exchange {
+    explicit Exchange(tcp::socket s) : socket(std::move(s)) {}
+    tcp::socket socket;
+    boost::beast::flat_buffer buffer;
+    bhttp::request<bhttp::string_body> request;
+    bhttp::response<bhttp::string_body> reply{bhttp::status::ok, 11, "{}"};
+  };
+  void accept() {
+    acceptor_.async_accept([this](boost::system::error_code ec, tcp::socket socket) {
+      if (ec) return;
+      auto x = std::make_shared<Exchange>(std::move(socket));
+      bhttp::async_read(
+          x->socket, x->buffer, x->request, [this, x](boost::system::error_code failed, size_t) {
+            if (failed) return;
+            {
+              std::lock_guard hold(lock_);
+              seen_.emplace_back(x->request[bhttp::field::authorization]);
+            }
+            x->reply.keep_alive(false);
+            x->reply.prepare_payload();
+            bhttp::async_write(x->socket, x->reply, [x](boost::system::error_code, size_t) {});
+          });
+      accept();
+    });
+  }
+
+  asio::io_context io_;
+  tcp::acceptor acceptor_{io_, {asio::ip::address_v4::loopback(), 0}};
+  mutable std::mutex lock_;
+  std::vector<std::string> seen_;
+  std::thread thread_;
+};
 
 class LiveSessionTest : public CloudAccountTest {
  protected:
@@ -35,6 +100,19 @@ class LiveSessionTest : public CloudAccountTest {
                    {"ingest_url", "rtmp://i/live"},
                    {"stream_key", "k1"},
                    {"stream_config", config()}}}});
+  }
+  // A new account on the cloud at `apiBase`, for the blocking delete, which doesn't go
+  // through the scripted client.
+  void onCloudAt(const std::string& apiBase) {
+    account.reset();
+    http->sent.clear();
+    account = std::make_unique<CloudAccount>(
+        CloudAccount::Services{{main, http, store, *settings, apiBase, [] { return "machine-1"; }},
+                               [](const std::string&) { return true; },
+                               "Test Computer",
+                               "1.0",
+                               [this] { ++publisherStops; },
+                               [] { return 7L; }});
   }
   json asked;  // the last session request's body
   std::vector<std::string> queued() {
@@ -172,6 +250,35 @@ TEST_F(LiveSessionTest, SignOutEndsAStreamFirstButARevocationLeavesItRunning) {
   http->replyToDelete("/v1/streams/sessions/s1", 200);
   EXPECT_EQ(account->livePhase(), LivePhase::ended);
   EXPECT_EQ(http->count("/v1/auth/logout"), 1);
+}
+
+TEST_F(LiveSessionTest, TheDeleteAtQuitCarriesTheTokenOfTheLastRefreshOrSignIn) {
+  BearerWitness cloud;
+  // Refreshed while live.
+  onCloudAt(cloud.apiBase());
+  ASSERT_TRUE(openGood());
+  account->transport().request("GET", "/v1/destinations", std::nullopt, true, [](CloudResult) {});
+  http->reply("/v1/destinations", 401);
+  http->reply("/v1/auth/refresh", 200, {{"access_token", "a2"}});
+  account->endLiveBlocking(10);
+
+  // Revoked while live, then signed in again by code before the quit.
+  onCloudAt(cloud.apiBase());
+  ASSERT_TRUE(openGood());
+  account->markLive();
+  account->transport().request("GET", "/v1/auth/me", std::nullopt, true, [](CloudResult) {});
+  http->reply("/v1/auth/me", 401);
+  http->reply("/v1/auth/refresh", 401, {{"error", "invalid_refresh_token"}});
+  ASSERT_TRUE(account->signedOutWhileLive());
+  account->typedEmail = "a@x.io";
+  account->startMagic(QvnMagicIntent::signIn);
+  http->reply("/v1/auth/magic/start", 200, {{"request_id", "q1"}});
+  account->oneTimeCode = "123456";
+  account->submitMagicCode();
+  http->reply("/v1/auth/magic/code", 200, {{"access_token", "a3"}, {"refresh_token", "r3"}});
+  account->endLiveBlocking(10);
+
+  EXPECT_THAT(cloud.seen(), ::testing::ElementsAre("Bearer a2", "Bearer a3"));
 }
 
 TEST_F(LiveSessionTest, TheEmbedLinkSaysWhatTheCloudCanGive) {

@@ -164,17 +164,23 @@ TEST_F(GoLiveEndToEnd, ASignedInStudioGoesLiveToTwoDestinationsAndEndsItsSession
        "-t", "2", "-c:v", "libx264", "-f", "flv", ingest + "/not-a-session-key"},
       20, work);
   EXPECT_FALSE(stranger.succeeded());
+  EXPECT_FALSE(
+      waitFor(work / "cloud.err", "on_publish from \\S+ refused: no session has that stream key", 5)
+          .empty())
+      << readFile(work / "cloud.err").value_or("");
 
-  // Quit while live: the session is deleted on the way out, well within two seconds.
+  // Quit while live: the session is deleted on the way out, well within two seconds; the
+  // cloud's own log says when the delete reached it.
   const auto quitAt = std::chrono::steady_clock::now();
   kill(studio->pid(), SIGTERM);
+  EXPECT_FALSE(
+      waitFor(work / "cloud.err", "DELETE /v1/streams/sessions/" + session + " 2[0-9][0-9]", 2)
+          .empty())
+      << readFile(work / "cloud.err").value_or("");
   ASSERT_TRUE(studio->wait(10));
   EXPECT_THAT(studioLog(),
               ::testing::HasSubstr("golive DELETE /v1/streams/sessions/" + session + " succeeded"));
   EXPECT_LT(std::chrono::steady_clock::now() - quitAt, 4s);
-  EXPECT_FALSE(
-      waitFor(work / "cloud.err", "DELETE /v1/streams/sessions/" + session + " 2[0-9][0-9]", 1)
-          .empty());
 }
 
 TEST_F(GoLiveEndToEnd, ASessionTheStudioCouldNotDeleteAtQuitIsDeletedAtItsNextStart) {

@@ -1,5 +1,6 @@
 // The publisher's own rules, and the publisher with a canned encoder against a scripted
-// ingest on loopback: what goes out first, what waits, a lost ingest found again, and stop.
+// ingest on loopback: what goes out first, what waits, a lost ingest found again or given
+// up after five tries, and stop.
 #include <gmock/gmock.h>
 
 #include <thread>
@@ -95,8 +96,15 @@ class PublisherSession : public ::testing::Test {
          },
          [log = log](const H264Settings&, std::string&) -> std::unique_ptr<VideoEncoder> {
            return std::make_unique<CannedVideoEncoder>(log, 30);
+         },
+         [this](int attempt) {
+           auto wait = RTMPPublisher::reconnectDelay(attempt);
+           if (wait) *wait *= waitScale;
+           return wait;
          }});
     publisher->onPublished = [this] { ++published; };
+    publisher->onReconnecting = [this] { ++reconnecting; };
+    publisher->onFatal = [this](const std::string&) { ++fatal; };
     StreamConfig config;
     config.width = 64;
     config.height = 36;
@@ -132,7 +140,8 @@ class PublisherSession : public ::testing::Test {
   std::shared_ptr<FrameHub> frames;
   std::shared_ptr<AudioEngine> audio;
   std::shared_ptr<RTMPPublisher> publisher;
-  std::atomic<int> published{0};
+  std::atomic<int> published{0}, reconnecting{0}, fatal{0};
+  std::atomic<double> waitScale{1.0};
 };
 
 TEST_F(PublisherSession, HeadersGoFirstAndSoundWaitsForThePicture) {
@@ -196,6 +205,30 @@ TEST_F(PublisherSession, ALostIngestIsFoundAgainAndHearsTheHeadersFirst) {
   ASSERT_TRUE(sample && sample->publishing);
   EXPECT_EQ(sample->reconnects, 1);
   EXPECT_GT(sample->sentBytes, 0);
+}
+
+TEST_F(PublisherSession, SixLossesInARowAreFatalOnceAfterFiveReconnectsThatWaitLongerEachTime) {
+  waitScale = 0.05;  // the waits' shape, at a twentieth of their length
+  {
+    Server server(peer);
+    acceptPublish(server);
+    peer.closeClient();  // lost while on air
+  }
+  // Each reconnect is lost again before it publishes, so the count never starts over.
+  for (int attempt = 1; attempt <= RTMPPublisher::kMostReconnects; ++attempt) {
+    const auto lost = std::chrono::steady_clock::now();
+    ASSERT_TRUE(peer.accept(20000)) << "reconnect " << attempt;
+    EXPECT_GE(std::chrono::duration<double>(std::chrono::steady_clock::now() - lost).count(),
+              *RTMPPublisher::reconnectDelay(attempt) * waitScale);
+    EXPECT_EQ(reconnecting, attempt);
+    EXPECT_EQ(fatal, 0);
+    peer.closeClient();
+  }
+  for (int i = 0; i < 500 && fatal == 0; ++i) std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(fatal, 1);
+  EXPECT_FALSE(peer.accept(1000));  // nothing opens after the sixth loss
+  EXPECT_EQ(fatal, 1);
+  EXPECT_EQ(reconnecting, RTMPPublisher::kMostReconnects);
 }
 
 TEST_F(PublisherSession, StopDuringTheWaitForAReconnectOpensNothing) {

@@ -1,7 +1,8 @@
 // Recording Program and its sound to an MP4 or QuickTime file that survives a crash.
 //
-// While recording, the file is fragmented (a fragment at each keyframe, about a second), so a
-// killed process or a power cut leaves a movie that plays up to its last whole fragment. At
+// While recording, the file is fragmented (a fragment at each keyframe and at least every half
+// second), so a killed process or a power cut leaves a movie that plays up to its last whole
+// fragment: it loses half a second at most, and what the encoder was still holding. At
 // finish it is copied, stream by stream without re-encoding, into a normal movie that replaces
 // it. A marker file "<movie>.recording" sits beside the movie from `create` until a finish
 // that succeeds; one found at start means `recoverMovie` has work to do.
@@ -35,7 +36,9 @@ struct MovieSettings {
   std::int64_t videoBitrate = 10'000'000;  // bits per second
   int fps = 30;                            // the rate pictures are expected at
   int keyframeInterval = 30;               // in pictures; each keyframe starts a fragment
-  bool audio = true;                       // AAC-LC, 48 kHz stereo, 192 kb/s
+  // AAC-LC, 48 kHz stereo, 192 kb/s. Should its encoder not start, the movie is recorded
+  // without sound, and the first sound handed over is refused with the reason.
+  bool audio = true;
   // The encoder's preset. Empty: H264Encoder's choice for the size, or HEVC's fastest; a
   // faster one leaves room for a stream being encoded at the same time.
   std::string preset;
@@ -52,6 +55,7 @@ class MovieWriter {
   using Done = std::function<void(bool ok, const std::string& errors)>;
 
   // Opens the file, writes its header and the marker; none, with `error` set, when it can't.
+  // A file that was created and then couldn't be written stays as it is, without a marker.
   static std::unique_ptr<MovieWriter> create(const std::filesystem::path& path,
                                              const MovieSettings& settings, std::string& error);
   // Without `finish`, the pictures handed over are still written and the fragmented file
@@ -67,7 +71,8 @@ class MovieWriter {
   // written), or, with `error` set, a wrong picture or a writer that has failed.
   bool appendVideo(PixelBufferRef picture, std::int64_t pts, std::string& error);
 
-  // Whether sound would be taken now (less than a second of it is waiting); cheap.
+  // Whether sound would be taken now (less than a second of it is waiting); cheap. True too
+  // when the sound's encoder didn't start, so that the next appendAudio says why.
   bool readyForAudio() const;
   // Copies `frames` interleaved 16-bit stereo frames starting at `pts`. A gap of up to a
   // second is filled with silence and an overlap with what came before is dropped. False
@@ -114,12 +119,14 @@ MovieRecovery recoverMovie(const std::filesystem::path& movie);
 
 // Program's BGRA as the writer's pictures: scaled to fill the movie's size keeping its shape,
 // the overflow cropped evenly from both sides (never letterboxed), then I420 BT.709 video
-// range, in pooled buffers. One thread at a time.
+// range, in pooled buffers. A picture within a unit of the movie's size on both sides is not
+// scaled but placed at the top left, a missing last row or column repeating the one before.
+// One thread at a time.
 class MoviePictureConformer {
  public:
   MoviePictureConformer(int width, int height);
   ~MoviePictureConformer();
-  // None for a picture that isn't BGRA.
+  // None for a picture that isn't BGRA or is a pixel or less on a side.
   PixelBufferRef conform(const PixelBuffer& bgra);
 
  private:

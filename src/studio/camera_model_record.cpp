@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <system_error>
 
+#include "inputs/media_library.h"
 #include "platform/files.h"
 #include "studio/camera_model.h"
 #include "support/qvn_log.h"
@@ -32,7 +33,7 @@ std::string bytesText(std::uintmax_t bytes) {
 }  // namespace
 
 std::filesystem::path CameraModel::recordFolder() const {
-  return recordOptions().folderOr(appPaths().moviesDir / "Quorvane" / "Recordings");
+  return recordOptions().folderOr(MediaLibrary::recordings());
 }
 
 std::optional<std::string> CameraModel::recordFreeSpaceLabel() const {

@@ -10,7 +10,6 @@
 #include "outputs/not_yet_available.h"
 #include "phones/tcp_signaling_server.h"
 #include "phones/webrtc_receiver_session.h"
-#include "platform/files.h"
 #include "platform/webrtc.h"
 #include "support/qvn_log.h"
 #include "video/mix_engine.h"
@@ -37,7 +36,12 @@ StudioHubs StudioHubs::make(const PhoneOptions& phones) {
   auto mix = MixEngine::make(frames);
   auto audio = AudioEngine::make();
   auto recorder = MovieRecorder::make({
-      .recordingsFolder = [] { return appPaths().moviesDir / "Quorvane" / "Recordings"; },
+      // Asked at each start, when the library's folders are made sure of.
+      .recordingsFolder =
+          [] {
+            MediaLibrary::ensureFolders();
+            return MediaLibrary::recordings();
+          },
       .clock = [weak = std::weak_ptr(audio)]() -> std::int64_t {
         auto engine = weak.lock();
         return engine ? engine->mix().streamFrames() : 0;
@@ -105,7 +109,7 @@ StudioHubs StudioHubs::make(const PhoneOptions& phones) {
       .auxOutput = std::make_shared<QvnAuxOutputNotYetAvailable>(),
       .externalHub = std::make_shared<QvnExternalHubNotYetAvailable>(),
       .meterBus = std::make_shared<QvnMeterBusNotYetAvailable>(),
-      .mediaLibrary = std::make_shared<QvnMediaLibraryNotYetAvailable>(),
+      .mediaLibrary = std::make_shared<QvnMediaLibraryFolders>(),
       .overlays = std::make_shared<OverlayStoreNotYetAvailable>(),
       .cloud = std::make_shared<QvnCloudAccountNotYetAvailable>(),
       .updater = std::make_shared<QvnAutoUpdaterNotYetAvailable>(),

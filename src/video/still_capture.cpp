@@ -5,12 +5,12 @@
 
 #include <algorithm>
 #include <cmath>
-#include <ctime>
 #include <limits>
 #include <memory>
 #include <system_error>
 #include <utility>
 
+#include "inputs/media_library.h"
 #include "platform/files.h"
 #include "platform/pixel_convert.h"
 #include "support/qvn_log.h"
@@ -123,28 +123,13 @@ std::optional<EncodedStill> encodeStill(const FrameHub& hub, int slot, StillType
 
 namespace StillCapture {
 
-std::string libraryStamp(std::string_view name, std::string_view ext) {
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  ::localtime_r(&now, &local);
-  char stamp[40];
-  std::strftime(stamp, sizeof stamp, "%Y-%m-%d at %H.%M.%S", &local);
-  std::string fileName(name);
-  std::replace(fileName.begin(), fileName.end(), '/', '-');
-  return fileName.append(" ").append(stamp).append(".").append(ext);
-}
-
 std::optional<fs::path> save(const FrameHub& hub, int slot, const std::string& name) {
-  const fs::path library = appPaths().moviesDir / "Quorvane";
-  const fs::path stills = library / "Stills";
-  std::error_code ec;
-  fs::create_directories(stills, ec);
-  fs::create_directories(library / "Recordings", ec);
+  MediaLibrary::ensureFolders();
 
   const auto still =
       encodeStill(hub, slot, StillType::png, std::numeric_limits<double>::max(), 1.0);
   if (!still) return std::nullopt;
-  const fs::path file = freeName(stills, libraryStamp(name, "png"), "png");
+  const fs::path file = freeName(MediaLibrary::stills(), MediaLibrary::stamp(name, "png"), "png");
   const std::string_view bytes(reinterpret_cast<const char*>(still->data.data()),
                                still->data.size());
   if (const auto error = writeFileAtomically(file, bytes)) {

@@ -1,12 +1,11 @@
 // Still pictures of a slot: encoded to JPEG or PNG bytes, or saved as a PNG file in the
-// user's movies folder under "Quorvane/Stills".
+// media library's Stills.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "video/frame_hub.h"
@@ -32,13 +31,9 @@ std::optional<EncodedStill> encodeStill(const FrameHub& hub, int slot, StillType
 
 namespace StillCapture {
 
-// "{name} {YYYY-MM-DD at HH.MM.SS}.{ext}" in local time, the file name of everything the
-// studio puts in the movies folder. A '/' in `name` becomes '-'.
-std::string libraryStamp(std::string_view name, std::string_view ext);
-
-// Makes sure "Quorvane/Stills" and "Quorvane/Recordings" exist in the movies folder, writes
-// the slot's picture at full size as a PNG into Stills (" 2", " 3", ... before the
-// extension when the name is taken) and logs it. Returns the file, or none when the slot
+// Makes sure the media library's folders exist, writes the slot's picture at full size as a
+// PNG into its Stills, named by its stamp (" 2", " 3", ... before the extension when the name
+// is taken), and logs it. Returns the file, or none when the slot
 // has no picture or the write fails. Same threads as encodeStill; also does file I/O.
 std::optional<std::filesystem::path> save(const FrameHub& hub, int slot, const std::string& name);
 

@@ -74,10 +74,12 @@ class RecorderEndToEnd : public ::testing::Test {
     if (times.empty()) times.push_back(0);
     return times;
   }
-  // How far the video runs, in seconds, and whether decoding it had anything to say.
+  // How far the video runs, in seconds, and whether decoding the whole movie, pictures and
+  // sound, had anything to say. The pictures keep their own times: on the grid of the rate
+  // ffmpeg guesses, two that came close together would fall in one step and be complained of.
   std::pair<double, std::string> decode(const std::string& movie) {
     auto r = runProgram({findProgram("ffmpeg"), "-v", "error", "-i", (work / movie).string(),
-                         "-map", "0:v", "-f", "null", "-"},
+                         "-enc_time_base:v", "-1", "-f", "null", "-"},
                         60, work);
     return {videoTimes(movie).back(), r.err};
   }
@@ -88,6 +90,45 @@ class RecorderEndToEnd : public ::testing::Test {
     return none;
   }
 
+  // What a finished recording of Program must be, whatever the codec: more than ten seconds
+  // of 1920×1080 in Main, AAC 48 kHz stereo starting with the pictures, decoding cleanly; and,
+  // when `checkRate`, 30 pictures a second.
+  void expectRecorded(const std::string& movie, const std::string& codec, const std::string& brand,
+                      bool checkRate) {
+    EXPECT_THAT(studioLog(),
+                ::testing::HasSubstr("record finished " + movie + " status=completed"));
+    const json info = probe(movie);
+    ASSERT_TRUE(info.is_object()) << studioLog();
+    EXPECT_EQ(info["format"]["tags"].value("major_brand", ""), brand);
+    const json& video = streamOf(info, "video");
+    const json& audio = streamOf(info, "audio");
+    EXPECT_EQ(video.value("codec_name", ""), codec);
+    EXPECT_EQ(video.value("profile", ""), "Main");
+    EXPECT_EQ(video.value("width", 0), 1920);
+    EXPECT_EQ(video.value("height", 0), 1080);
+    EXPECT_EQ(audio.value("codec_name", ""), "aac");
+    EXPECT_EQ(audio.value("sample_rate", ""), "48000");
+    EXPECT_EQ(audio.value("channels", 0), 2);
+    const double videoStart = std::atof(video.value("start_time", "0").c_str());
+    const double audioStart = std::atof(audio.value("start_time", "0").c_str());
+    EXPECT_LT(std::abs(videoStart - audioStart), 0.05);
+    ASSERT_GT(std::atof(video.value("duration", "0").c_str()), 10);
+    EXPECT_EQ(decode(movie).second, "");
+    if (!checkRate) return;
+    // The rate once the phone is on Program: the first seconds hold the encoder's start and the
+    // phone's arrival. Built for the sanitizers the studio is several times slower, so only the
+    // plain build is held to the full rate.
+    const auto times = videoTimes(movie);
+    const double steady =
+        double(std::count_if(times.begin(), times.end(), [](double t) { return t >= 4; })) /
+        (times.back() - 4);
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    EXPECT_GT(steady, 15);
+#else
+    EXPECT_NEAR(steady, 30, 1);
+#endif
+  }
+
   std::filesystem::path work;
   std::uint16_t phonePort = freeLoopbackPorts(1)[0];
   std::unique_ptr<ChildProcess> studio, phone;
@@ -96,46 +137,15 @@ class RecorderEndToEnd : public ::testing::Test {
 TEST_F(RecorderEndToEnd, TenSecondsOfProgramPlayBackWithTheirSoundInStep) {
   record("show.mp4", {}, 12);
   ASSERT_TRUE(studio->wait(60)) << studioLog();
-  EXPECT_THAT(studioLog(), ::testing::HasSubstr("record finished show.mp4 status=completed"));
-  const json info = probe("show.mp4");
-  ASSERT_TRUE(info.is_object()) << studioLog();
-  const json& video = streamOf(info, "video");
-  const json& audio = streamOf(info, "audio");
-  EXPECT_EQ(video.value("codec_name", ""), "h264");
-  EXPECT_EQ(video.value("profile", ""), "Main");
-  EXPECT_EQ(video.value("width", 0), 1920);
-  EXPECT_EQ(video.value("height", 0), 1080);
-  EXPECT_EQ(audio.value("codec_name", ""), "aac");
-  EXPECT_EQ(audio.value("sample_rate", ""), "48000");
-  EXPECT_EQ(audio.value("channels", 0), 2);
-  const double videoStart = std::atof(video.value("start_time", "0").c_str());
-  const double audioStart = std::atof(audio.value("start_time", "0").c_str());
-  EXPECT_LT(std::abs(videoStart - audioStart), 0.05);
-  ASSERT_GT(std::atof(video.value("duration", "0").c_str()), 10);
-  // The rate once the phone is on Program: the first seconds hold the encoder's start and the
-  // phone's arrival. Built for the sanitizers the studio is several times slower, so only the
-  // plain build is held to the full rate.
-  const auto times = videoTimes("show.mp4");
-  const double steady =
-      double(std::count_if(times.begin(), times.end(), [](double t) { return t >= 4; })) /
-      (times.back() - 4);
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  EXPECT_GT(steady, 15);
-#else
-  EXPECT_NEAR(steady, 30, 1);
-#endif
-  const auto [decoded, complaints] = decode("show.mp4");
-  EXPECT_EQ(complaints, "");
+  expectRecorded("show.mp4", "h264", "isom", true);
 }
 
-TEST_F(RecorderEndToEnd, HEVCInQuickTimeIsWrittenToo) {
-  record("show.mov", {"--record-codec", "hevc"}, 6);
+TEST_F(RecorderEndToEnd, HEVCInQuickTimePlaysBackWithItsSoundInStepToo) {
+  record("show.mov", {"--record-codec", "hevc"}, 12);
   ASSERT_TRUE(studio->wait(60)) << studioLog();
-  const json info = probe("show.mov");
-  EXPECT_EQ(streamOf(info, "video").value("codec_name", ""), "hevc");
-  EXPECT_EQ(streamOf(info, "audio").value("codec_name", ""), "aac");
-  EXPECT_THAT(info["format"].value("format_name", ""), ::testing::HasSubstr("mov"));
-  EXPECT_EQ(decode("show.mov").second, "");
+  // Not held to the rate: HEVC at 1080p is slower than real time on a small machine, and the
+  // recorder then drops pictures rather than fall behind.
+  expectRecorded("show.mov", "hevc", "qt  ", false);
 }
 
 TEST_F(RecorderEndToEnd, AStudioKilledMidRecordingLeavesAMovieThatPlaysAndIsMadeWholeAtStart) {
@@ -147,9 +157,10 @@ TEST_F(RecorderEndToEnd, AStudioKilledMidRecordingLeavesAMovieThatPlaysAndIsMade
   kill(studio->pid(), SIGKILL);
   studio->wait(10);
   EXPECT_TRUE(std::filesystem::exists(work / "crash.mp4.recording"));
-  // What may be lost is the fragment still open (a keyframe every two seconds) and the
-  // encoder's first moments on a loaded machine; the rest must play.
-  constexpr double kSurvives = 5.0;
+  // What may be lost is the fragment still open (half a second at most, with a keyframe every
+  // second), what the encoder still holds, and its first moments on a loaded machine; the
+  // rest must play.
+  constexpr double kSurvives = 6.0;
   EXPECT_GE(decode("crash.mp4").first, kSurvives) << studioLog();
 
   // The next start recovers it once, and says so.

@@ -7,12 +7,14 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <limits>
 #include <regex>
 #include <string>
 #include <vector>
 
+#include "inputs/media_library.h"
 #include "platform/files.h"
 #include "video/still_capture.h"
 #include "video/video_orient.h"
@@ -242,8 +244,7 @@ TEST_F(StillCaptureTest, SavesAStampedPngInStillsLogsItAndNumbersATakenName) {
     EXPECT_EQ(file->parent_path(), library / "Stills");
     EXPECT_TRUE(fs::is_directory(library / "Recordings"));
     const std::string name = file->filename().string();
-    ASSERT_TRUE(
-        std::regex_match(name, std::regex(R"(Cam-A \d{4}-\d\d-\d\d at \d\d\.\d\d\.\d\d\.png)")))
+    ASSERT_TRUE(std::regex_match(name, std::regex(R"(Cam-A_\d{4}-\d\d-\d\d_\d\d-\d\d-\d\d\.png)")))
         << name;
     EXPECT_EQ(readFile(*file)->substr(1, 3), "PNG");
     const auto log = readFile(appPaths().logFile());
@@ -254,12 +255,34 @@ TEST_F(StillCaptureTest, SavesAStampedPngInStillsLogsItAndNumbersATakenName) {
     ASSERT_FALSE(writeFileAtomically(library / "Stills" / (base + " 2.png"), "x"));
     const auto numbered = StillCapture::save(hub, 5, "Cam/A");
     ASSERT_TRUE(numbered);
-    if (StillCapture::libraryStamp("Cam/A", "png") != name) continue;
+    if (MediaLibrary::stamp("Cam/A", "png") != name) continue;
     EXPECT_EQ(numbered->filename(), base + " 3.png");
     EXPECT_EQ(readFile(library / "Stills" / (base + " 2.png")), "x");
     return;
   }
   FAIL() << "the clock kept ticking";
+}
+
+TEST_F(StillCaptureTest, LibraryFoldersLiveInTheVideosFolderAndNamesCarryTheLocalTime) {
+  std::tm local{};
+  local.tm_year = 2026 - 1900;
+  local.tm_mon = 0;
+  local.tm_mday = 31;
+  local.tm_hour = 20;
+  local.tm_min = 15;
+  local.tm_isdst = -1;
+  const std::time_t when = std::mktime(&local);
+  EXPECT_EQ(MediaLibrary::stamp("Mix", "png", when), "Mix_2026-01-31_20-15-00.png");
+  EXPECT_EQ(MediaLibrary::stamp("Cam/A", "mov", when), "Cam-A_2026-01-31_20-15-00.mov");
+
+  MediaLibrary::ensureFolders();
+  EXPECT_TRUE(fs::is_directory(root_ / "Videos" / "Quorvane" / "Stills"));
+  EXPECT_TRUE(fs::is_directory(root_ / "Videos" / "Quorvane" / "Recordings"));
+  // Where the folders can't be made, nothing is thrown: the write into them says why.
+  fs::remove_all(root_ / "Videos");
+  ASSERT_FALSE(writeFileAtomically(root_ / "Videos", "not a folder"));
+  MediaLibrary::ensureFolders();
+  EXPECT_FALSE(fs::is_directory(MediaLibrary::stills()));
 }
 
 }  // namespace

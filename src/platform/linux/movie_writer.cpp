@@ -10,6 +10,7 @@ extern "C" {
 }
 
 #include <fcntl.h>
+#include <libyuv/planar_functions.h>
 #include <libyuv/scale_argb.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +19,7 @@ extern "C" {
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -39,6 +41,8 @@ constexpr int kTimescale = MovieWriter::kTimescale;
 constexpr int kSoundFrames = 1024;  // AAC's block
 // What the copy at finish needs beyond the movie's own size before it is tried.
 constexpr std::uintmax_t kSpareBytes = 64u << 20;
+// The longest fragment: what a crash may cost beyond the encoder's delay.
+constexpr std::int64_t kFragmentMicroseconds = 500'000;
 
 // ---- errors -----------------------------------------------------------------------------------
 
@@ -347,6 +351,8 @@ struct MovieWriter::Core {
   std::int64_t packets = 0;               // handed to the muxer
   std::int64_t videoPackets = 0;
   bool closed = false;
+  bool marked = false;  // the marker is ours
+  std::string noSound;  // why sound was asked for and can't be recorded
 
   std::atomic<int> queuedPictures{0};
   std::atomic<int> queuedSound{0};
@@ -474,6 +480,16 @@ bool MovieWriter::Core::open(std::string& why) {
     why = std::move(text);
     return false;
   };
+  // The encoders first: one that can't start leaves no empty file behind.
+  video = openVideo(settings, why);
+  if (!video) return false;
+  if (settings.audio) {
+    std::string reason;
+    audio = openAudio(reason);
+    // Pictures without their sound rather than no movie: the first sound handed over is
+    // refused with the reason, so the owner says it once and stops sending it.
+    if (!audio) noSound = chain(movieError(kNoSound, "recording video only"), reason);
+  }
   std::string e;
   const std::string create = "couldn't create " + path.string();
   file = FileIO::create(path, e);
@@ -482,17 +498,12 @@ bool MovieWriter::Core::open(std::string& why) {
   const int fd = ::open(marker.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return refuse(chain(movieError(kCreate, create), posixError(errno)));
   ::close(fd);
+  marked = true;
   out = makeOutput(settings.container, *file);
   if (!out) return refuse(avError(AVERROR(ENOMEM)));
   // Pictures wait in the muxer for sound of the same time; should sound stop coming, they
   // wait a second, not the ten the library would, before going to the file without it.
   out->max_interleave_delta = AV_TIME_BASE;
-  video = openVideo(settings, why);
-  if (!video) return false;
-  if (settings.audio) {
-    audio = openAudio(why);
-    if (!audio) return false;
-  }
   videoStream = addStream(out, video);
   if (!videoStream) return refuse(avError(AVERROR(ENOMEM)));
   videoStream->avg_frame_rate = {settings.fps, 1};
@@ -506,13 +517,16 @@ bool MovieWriter::Core::open(std::string& why) {
     av_channel_layout_copy(&sound->ch_layout, &audio->ch_layout);
     if (const int r = av_frame_get_buffer(sound, 0); r < 0) return refuse(avError(r));
   }
-  // A fragment at each keyframe, each one readable without the ones after it.
+  // A fragment at each keyframe and at least every half second, each one readable without
+  // the ones after it: a crash loses the one being gathered and what the encoder holds.
   AVDictionary* options = nullptr;
   av_dict_set(&options, "movflags", "frag_keyframe+empty_moov+default_base_moof", 0);
+  av_dict_set_int(&options, "frag_duration", kFragmentMicroseconds, 0);
   const int r = avformat_write_header(out, &options);
   av_dict_free(&options);
   if (r < 0) return refuse(chain(movieError(kWrite, "couldn't write the movie"), avError(r)));
-  if (const int s = file->sync(); s < 0) return refuse(avError(s));
+  if (const int s = file->sync(); s < 0)
+    return refuse(chain(movieError(kWrite, "couldn't write the movie"), avError(s)));
   syncedAt = avio_tell(out->pb);
   syncFolder(path.parent_path());
   return true;
@@ -705,13 +719,12 @@ std::unique_ptr<MovieWriter> MovieWriter::create(const fs::path& path, const Mov
   bool opened = false;
   worker->sync([&] { opened = core->open(error); });
   if (!opened) {
-    const bool created = core->file != nullptr;
+    // A movie that was created stays, whatever it holds, for the error to be looked into; its
+    // marker goes, for there is nothing to recover.
     const fs::path made = core->path;
+    const bool marked = core->marked;
     core.reset();
-    if (created) {
-      fs::remove(made, ec);
-      fs::remove(recordingMarker(made), ec);
-    }
+    if (marked) fs::remove(recordingMarker(made), ec);
     return nullptr;
   }
   return std::unique_ptr<MovieWriter>(new MovieWriter(std::move(core), std::move(worker)));
@@ -750,6 +763,7 @@ bool MovieWriter::appendVideo(PixelBufferRef picture, std::int64_t pts, std::str
 }
 
 bool MovieWriter::readyForAudio() const {
+  // Without an encoder it says yes, for the sound it is then handed to be refused with why.
   return core_->settings.audio && !finishing_ && !core_->failed &&
          core_->queuedSound.load() < kTimescale;
 }
@@ -762,6 +776,7 @@ bool MovieWriter::appendAudio(const std::int16_t* interleaved, int frames, std::
   };
   if (core_->failed) return refused(core_->errors());
   if (!core_->settings.audio) return refused(movieError(kNoSound, "the movie has no sound"));
+  if (!core_->noSound.empty()) return refused(core_->noSound);
   if (finishing_) return refused(movieError(kFinished, "the movie is finishing"));
   if (frames <= 0) return true;
   if (core_->queuedSound.load() >= kTimescale) return false;
@@ -836,22 +851,34 @@ MoviePictureConformer::MoviePictureConformer(int width, int height)
 MoviePictureConformer::~MoviePictureConformer() = default;
 
 PixelBufferRef MoviePictureConformer::conform(const PixelBuffer& src) {
-  if (src.format() != PixelFormat::bgra) return nullptr;
+  if (src.format() != PixelFormat::bgra || src.width() <= 1 || src.height() <= 1) return nullptr;
   const PixelBuffer* from = &src;
   if (src.width() != width_ || src.height() != height_) {
-    // The largest centred rectangle of the source that has the movie's shape.
-    int cropWidth = src.width(), cropHeight = src.height();
-    if (std::int64_t(src.width()) * height_ > std::int64_t(src.height()) * width_)
-      cropWidth = std::max(1, int(std::int64_t(src.height()) * width_ / height_));
-    else
-      cropHeight = std::max(1, int(std::int64_t(src.width()) * height_ / width_));
-    const int x = (src.width() - cropWidth) / 2, y = (src.height() - cropHeight) / 2;
     if (!scaled_) scaled_ = PixelBuffer::make(PixelFormat::bgra, width_, height_);
     if (!scaled_) return nullptr;
-    if (libyuv::ARGBScale(src.data() + std::ptrdiff_t(y) * src.stride() + x * 4, src.stride(),
-                          cropWidth, cropHeight, scaled_->data(), scaled_->stride(), width_,
-                          height_, libyuv::kFilterBilinear) != 0)
-      return nullptr;
+    if (std::abs(src.width() - width_) <= 1 && std::abs(src.height() - height_) <= 1) {
+      // An odd size the movie made even, or one a unit short: scaling would soften the whole
+      // picture for one line, so it stays where it is, a missing line repeating its neighbour.
+      const int w = std::min(src.width(), width_), h = std::min(src.height(), height_);
+      libyuv::ARGBCopy(src.data(), src.stride(), scaled_->data(), scaled_->stride(), w, h);
+      if (w < width_)
+        for (int y = 0; y < h; ++y)
+          std::memcpy(scaled_->bgraAt(w, y), scaled_->bgraAt(w - 1, y), 4);
+      if (h < height_)
+        std::memcpy(scaled_->bgraAt(0, h), scaled_->bgraAt(0, h - 1), size_t(width_) * 4);
+    } else {
+      // The largest centred rectangle of the source that has the movie's shape.
+      int cropWidth = src.width(), cropHeight = src.height();
+      if (std::int64_t(src.width()) * height_ > std::int64_t(src.height()) * width_)
+        cropWidth = std::max(1, int(std::int64_t(src.height()) * width_ / height_));
+      else
+        cropHeight = std::max(1, int(std::int64_t(src.width()) * height_ / width_));
+      const int x = (src.width() - cropWidth) / 2, y = (src.height() - cropHeight) / 2;
+      if (libyuv::ARGBScale(src.data() + std::ptrdiff_t(y) * src.stride() + x * 4, src.stride(),
+                            cropWidth, cropHeight, scaled_->data(), scaled_->stride(), width_,
+                            height_, libyuv::kFilterBilinear) != 0)
+        return nullptr;
+    }
     from = scaled_.get();
   }
   PixelBufferRef picture = pictures_->make(width_, height_);

@@ -1,9 +1,10 @@
 // A phone's decoded sound on its way into the studio: the recorder's optional consumer
 // first, then the mix, and a level for the phone's meter at most 20 times a second.
 //
-// `render` runs on the WebRTC audio thread and never allocates or waits: it takes `lock_`
-// only to read the consumer, which is set from other threads. `onLevel` and the mix entry
-// are set once, before sound flows.
+// `render` runs on the WebRTC audio thread and, itself, never allocates or waits: it takes
+// `lock_` only to read the consumer, which is set from other threads. The recorder's
+// consumer copies what it takes and posts it, so it costs only while the phone is recorded.
+// `onLevel` and the mix entry are set once, before sound flows.
 #pragma once
 
 #include <functional>

@@ -116,7 +116,20 @@ class Signaling : public ::testing::Test {
     server->openSlotLimit = [this] { return openSlots; };
     server->setPin("4321");
   }
-  ~Signaling() override { server.reset(); }  // before what its callbacks write into
+  ~Signaling() override {
+    // A job still running may hold the server past the reset: from here on it finds no
+    // callback into this fixture.
+    server->queue().sync([s = server.get()] {
+      s->onLog = nullptr;
+      s->onDiagnostics = nullptr;
+      s->onSlotsChanged = nullptr;
+      s->onCaps = nullptr;
+      s->onAudioTap = nullptr;
+      s->isSlotLocallyOccupied = nullptr;
+      s->openSlotLimit = nullptr;
+    });
+    server.reset();
+  }
   template <class F>
   void note(F change) {
     std::lock_guard lock(mutex);

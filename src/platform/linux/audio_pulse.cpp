@@ -130,7 +130,7 @@ class PulseOutput final : public AudioOutput {
         rate_ = int(used->rate);
         channels_ = used->channels;
       }
-      if (const char* name = pa_stream_get_device_name(stream_)) askDeviceSpec(name);
+      if (const char* name = pa_stream_get_device_name(stream_)) askDeviceFormat(name);
     }
     pa_threaded_mainloop_unlock(session_->loop());
     return ok;
@@ -179,25 +179,25 @@ class PulseOutput final : public AudioOutput {
 
   // The server converts our 48 kHz stereo to whatever the device runs at; the log says what
   // that is. Caller holds the loop's lock. Without an answer the stream's own stands.
-  void askDeviceSpec(const char* sink) {
+  void askDeviceFormat(const char* sink) {
     struct Ask {
       pa_threaded_mainloop* loop;
-      std::optional<pa_sample_spec> spec;
+      std::optional<pa_sample_spec> format;
     } ask{session_->loop(), std::nullopt};
     pa_operation* op = pa_context_get_sink_info_by_name(
         session_->context(), sink,
         [](pa_context*, const pa_sink_info* info, int eol, void* data) {
           auto* a = static_cast<Ask*>(data);
-          if (!eol && info) a->spec = info->sample_spec;
+          if (!eol && info) a->format = info->sample_spec;
           pa_threaded_mainloop_signal(a->loop, 0);
         },
         &ask);
     while (op && pa_operation_get_state(op) == PA_OPERATION_RUNNING)
       pa_threaded_mainloop_wait(session_->loop());
     if (op) pa_operation_unref(op);
-    if (ask.spec && pa_sample_spec_valid(&*ask.spec)) {
-      rate_ = int(ask.spec->rate);
-      channels_ = ask.spec->channels;
+    if (ask.format && pa_sample_spec_valid(&*ask.format)) {
+      rate_ = int(ask.format->rate);
+      channels_ = ask.format->channels;
     }
   }
 

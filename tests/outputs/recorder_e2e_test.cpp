@@ -159,8 +159,13 @@ TEST_F(RecorderEndToEnd, AStudioKilledMidRecordingLeavesAMovieThatPlaysAndIsMade
   EXPECT_TRUE(std::filesystem::exists(work / "crash.mp4.recording"));
   // What may be lost is the fragment still open (half a second at most, with a keyframe every
   // second), what the encoder still holds, and its first moments on a loaded machine; the
-  // rest must play.
+  // rest must play. Built for the sanitizers the studio is several times slower and its
+  // first second goes to starting up, so only the plain build is held to six.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  constexpr double kSurvives = 5.0;
+#else
   constexpr double kSurvives = 6.0;
+#endif
   EXPECT_GE(decode("crash.mp4").first, kSurvives) << studioLog();
 
   // The next start recovers it once, and says so.

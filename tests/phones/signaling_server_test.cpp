@@ -116,20 +116,7 @@ class Signaling : public ::testing::Test {
     server->openSlotLimit = [this] { return openSlots; };
     server->setPin("4321");
   }
-  ~Signaling() override {
-    // A job still running may hold the server past the reset: from here on it finds no
-    // callback into this fixture.
-    server->queue().sync([s = server.get()] {
-      s->onLog = nullptr;
-      s->onDiagnostics = nullptr;
-      s->onSlotsChanged = nullptr;
-      s->onCaps = nullptr;
-      s->onAudioTap = nullptr;
-      s->isSlotLocallyOccupied = nullptr;
-      s->openSlotLimit = nullptr;
-    });
-    server.reset();
-  }
+  ~Signaling() override { server.reset(); }  // before what its callbacks write into
   template <class F>
   void note(F change) {
     std::lock_guard lock(mutex);
@@ -168,6 +155,13 @@ class Signaling : public ::testing::Test {
               (nlohmann::json{{"type", "error"}, {"message", "All camera slots are full"}}));
     thirteenth.say({{"type", "ping"}});
     EXPECT_EQ(thirteenth.hear()["type"], "pong");
+    // Every slot freed before the fixture goes: no drop is left to report into it.
+    thirteenth.close();
+    paired.clear();
+    EXPECT_TRUE(waitFor([&] {
+      return !slotReports.empty() &&
+             std::ranges::none_of(slotReports.back(), [](const CameraSlot& r) { return r.live; });
+    }));
   }
 
   std::shared_ptr<TCPSignalingServer> server;

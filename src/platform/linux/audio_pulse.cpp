@@ -105,10 +105,11 @@ class PulseOutput final : public AudioOutput {
             pa_threaded_mainloop_signal(output->session_->loop(), 0);
           },
           this);
-      // About 20 ms queued at the server: low enough to monitor by, enough not to starve.
+      // About 30 ms queued at the server, the latency the studio reports: low enough to
+      // monitor by, enough to ride out a busy machine's late wake-up without a hole.
       pa_buffer_attr attr{};
       attr.maxlength = uint32_t(-1);
-      attr.tlength = uint32_t(pa_usec_to_bytes(20000, &format));
+      attr.tlength = uint32_t(pa_usec_to_bytes(30000, &format));
       attr.prebuf = uint32_t(-1);
       attr.minreq = uint32_t(-1);
       attr.fragsize = uint32_t(-1);

@@ -6,11 +6,11 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <ctime>
 #include <mutex>
 
 #include "audio/pcm_tap.h"
 #include "platform/movie_writer.h"
+#include "testing/local_time.h"
 
 namespace qvn::test {
 namespace {
@@ -109,14 +109,7 @@ class MovieRecorderTest : public ::testing::Test {
 };
 
 TEST(RecordNaming, FileNamesSizesAndBitratesFollowTheOptions) {
-  std::tm local{};
-  local.tm_year = 2026 - 1900;
-  local.tm_mon = 0;
-  local.tm_mday = 31;
-  local.tm_hour = 20;
-  local.tm_min = 15;
-  local.tm_isdst = -1;
-  const std::int64_t when = std::mktime(&local);
+  const std::int64_t when = localTime(2026, 1, 31, 20, 15);
   RecordOptions o;
   EXPECT_EQ(o.fileName(std::nullopt, when), "Quorvane_Recording_2026-01-31_20-15-00.mp4");
   o.prefix = "   ";

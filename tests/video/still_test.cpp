@@ -16,6 +16,7 @@
 
 #include "inputs/media_library.h"
 #include "platform/files.h"
+#include "testing/local_time.h"
 #include "video/still_capture.h"
 #include "video/video_orient.h"
 
@@ -264,14 +265,7 @@ TEST_F(StillCaptureTest, SavesAStampedPngInStillsLogsItAndNumbersATakenName) {
 }
 
 TEST_F(StillCaptureTest, LibraryFoldersLiveInTheVideosFolderAndNamesCarryTheLocalTime) {
-  std::tm local{};
-  local.tm_year = 2026 - 1900;
-  local.tm_mon = 0;
-  local.tm_mday = 31;
-  local.tm_hour = 20;
-  local.tm_min = 15;
-  local.tm_isdst = -1;
-  const std::time_t when = std::mktime(&local);
+  const std::time_t when = test::localTime(2026, 1, 31, 20, 15);
   EXPECT_EQ(MediaLibrary::stamp("Mix", "png", when), "Mix_2026-01-31_20-15-00.png");
   EXPECT_EQ(MediaLibrary::stamp("Cam/A", "mov", when), "Cam-A_2026-01-31_20-15-00.mov");
 

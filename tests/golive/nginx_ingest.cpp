@@ -1,10 +1,7 @@
 #include "golive/nginx_ingest.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -42,18 +39,6 @@ void writeText(const fs::path& file, const std::string& text) {
   std::ofstream out(file, std::ios::binary | std::ios::trunc);
   out << text;
   if (!out.flush()) throw std::runtime_error("can't write " + file.string());
-}
-
-bool accepts(std::uint16_t port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(port);
-  const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  ::close(fd);
-  return ok;
 }
 
 // Both authorities and their server certificates come from this one file's sections.
@@ -139,7 +124,7 @@ void NginxIngest::stop() {
   // until they have, one of them still accepts, and a new start would seem to listen.
   const auto deadline = Clock::now() + std::chrono::duration<double>(kStopSeconds);
   for (std::uint16_t port : {rtmpPort_, tlsPort_, untrustedPort_}) {
-    while (port != 0 && accepts(port)) {
+    while (port != 0 && tools::acceptsOnLoopback(port)) {
       if (Clock::now() >= deadline)
         throw std::runtime_error("nginx's workers still accept on 127.0.0.1:" +
                                  std::to_string(port) + " after it was killed");
@@ -230,7 +215,7 @@ void NginxIngest::waitUntilListening() {
   const auto deadline = Clock::now() + std::chrono::duration<double>(kStartSeconds);
   for (std::uint16_t port : {rtmpPort_, tlsPort_, untrustedPort_}) {
     if (port == 0) continue;
-    while (!accepts(port)) {
+    while (!tools::acceptsOnLoopback(port)) {
       if (!nginx_->running())
         throw std::runtime_error("nginx exited at start: " + errorLog() +
                                  readText(prefix_ / "logs" / "stderr.log"));

@@ -6,7 +6,6 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -51,19 +50,6 @@ std::string readText(const fs::path& file) {
 
 }  // namespace
 
-std::string findProgram(const std::string& name) {
-  std::string path = getenv("PATH") ? getenv("PATH") : "";
-  path += ":/usr/local/sbin:/usr/sbin:/sbin";
-  std::stringstream folders(path);
-  for (std::string folder; std::getline(folders, folder, ':');) {
-    if (folder.empty()) continue;
-    const fs::path candidate = fs::path(folder) / name;
-    if (::access(candidate.c_str(), X_OK) == 0 && !fs::is_directory(candidate))
-      return candidate.string();
-  }
-  return {};
-}
-
 fs::path makeTempDir(const std::string& tag) {
   const char* base = getenv("TMPDIR");
   std::string pattern =
@@ -98,65 +84,18 @@ std::vector<std::uint16_t> freeLoopbackPorts(int count) {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const fs::path& outFile,
                            const fs::path& errFile) {
-  if (argv.empty()) throw std::runtime_error("no program to start");
-  // Everything the child touches is made before fork: after it, in a process with threads,
-  // only async-signal-safe calls are allowed.
-  std::vector<char*> args;
-  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  const int in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-  if (in < 0) throw std::runtime_error(errnoText("can't open /dev/null", errno));
-  int out = -1, err = -1;
+  const int out = openOutput(outFile);
+  int err = -1;
   try {
-    out = openOutput(outFile);
     err = openOutput(errFile);
+    pid_ = tools::startChild(argv, {out, err}, SIGKILL);
   } catch (...) {
-    ::close(in);
-    if (out >= 0) ::close(out);
+    ::close(out);
+    if (err >= 0) ::close(err);
     throw;
   }
-  // The child reports a failed exec through this pipe; a successful exec closes it.
-  int report[2];
-  if (::pipe2(report, O_CLOEXEC) != 0) {
-    const int error = errno;
-    ::close(in), ::close(out), ::close(err);
-    throw std::runtime_error(errnoText("pipe", error));
-  }
-  const pid_t parent = ::getpid();
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    signal(SIGPIPE, SIG_DFL);
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (::getppid() != parent) _exit(127);
-    ::dup2(in, 0);
-    ::dup2(out, 1);
-    ::dup2(err, 2);
-    // Sockets of ours open at this moment must not live on in the child.
-    ::close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
-    ::execv(args[0], args.data());
-    const int error = errno;
-    [[maybe_unused]] auto n = ::write(report[1], &error, sizeof error);
-    _exit(127);
-  }
-  const int forkError = errno;
-  ::close(in), ::close(out), ::close(err), ::close(report[1]);
-  if (pid < 0) {
-    ::close(report[0]);
-    throw std::runtime_error(errnoText("fork", forkError));
-  }
-  pid_ = pid;
-  int execError = 0;
-  ssize_t n;
-  do n = ::read(report[0], &execError, sizeof execError);
-  while (n < 0 && errno == EINTR);
-  ::close(report[0]);
-  if (n == sizeof execError) {
-    wait(10);
-    throw std::runtime_error(errnoText("can't run " + argv[0], execError));
-  }
+  ::close(out);
+  ::close(err);
 }
 
 ChildProcess::~ChildProcess() {

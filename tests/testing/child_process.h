@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
+#include "child_start.h"
+
 namespace qvn::test {
 
-// Where `name` would run from: PATH, then the sbin folders a login shell of root would add
-// (nginx lives in /usr/sbin). Empty when it is nowhere.
-std::string findProgram(const std::string& name);
+using tools::findProgram;
 
 // A fresh folder under $TMPDIR (or /tmp) named "qvn-<tag>-XXXXXX"; throws when it can't.
 std::filesystem::path makeTempDir(const std::string& tag);

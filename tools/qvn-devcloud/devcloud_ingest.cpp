@@ -28,18 +28,6 @@ constexpr const char* kInstallHint = "apt install nginx libnginx-mod-rtmp";
 constexpr std::string_view kPrefixStem = "qvn-devcloud-ingest-";
 constexpr const char* kLockName = "devcloud.lock";
 
-bool accepts(std::uint16_t port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(port);
-  const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  ::close(fd);
-  return ok;
-}
-
 // Whether the port can be bound now: another program there would answer in nginx's place.
 bool bindable(std::uint16_t port) {
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -185,7 +173,7 @@ Ingest::Ingest(const IngestSettings& settings, std::function<void(const std::str
 
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::duration<double>(kStartSeconds);
-    while (!accepts(settings_.rtmpPort)) {
+    while (!tools::acceptsOnLoopback(settings_.rtmpPort)) {
       if (childEnded(pid_)) {
         pid_ = -1;
         throw IngestUnavailable("nginx stopped at its start: " + lastComplaint(errorLog));

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <sstream>
 
+#include <nlohmann/json.hpp>
+
 #include "phones/signaling_message.h"
 #include "platform/net.h"
 #include "support/uuid.h"

@@ -19,6 +19,8 @@
 #include <regex>
 #include <thread>
 
+#include <nlohmann/json.hpp>
+
 namespace qvn {
 namespace {
 

@@ -6,8 +6,11 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <chrono>
 #include <cmath>
 #include <filesystem>
+#include <memory>
+#include <thread>
 #include <vector>
 
 #include "platform/defaults.h"
@@ -164,7 +167,13 @@ TEST(AudioEngine, PublishesFromATenthOfASecondOnFifteenTimesASecondToTheMeters) 
 
   main.advance(1.0);  // ticks at 0.1 s + n/15 up to 1.105 s
   EXPECT_EQ(snapshots, 16);
+  // A drain on the bus queue may hold the engine a moment past its owner's release; once it
+  // is gone, its meters stop.
+  const std::weak_ptr<AudioEngine> gone = engine;
   engine.reset();
+  for (int i = 0; i < 5000 && !gone.expired(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  ASSERT_TRUE(gone.expired());
   main.advance(1.0);
   EXPECT_EQ(snapshots, 16);
 }

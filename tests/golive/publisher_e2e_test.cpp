@@ -159,7 +159,14 @@ TEST_F(PublisherEndToEnd, PlaysBackAsH264MainAndAacAndCarriesOnAfterTheIngestCom
     }
   }
   EXPECT_NEAR(lastVideo, lastAudio, 0.1);
-  EXPECT_NEAR((videoFrames - 1) / (lastVideo - firstVideo), 30, 1);
+  // Built for the sanitizers the studio is several times slower and the mix drops pictures it
+  // can't make in time, so only the plain build is held to the full rate.
+  const double rate = (videoFrames - 1) / (lastVideo - firstVideo);
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  EXPECT_GT(rate, 15);
+#else
+  EXPECT_NEAR(rate, 30, 1);
+#endif
 
   // The ingest is gone for three seconds; the publisher finds it again by itself.
   ingest.stop();

@@ -42,23 +42,23 @@ bool PCMConverter::rebuild(const FormatKey& key) {
 
 int PCMConverter::flush() {
   if (!swr_) return 0;
-  int held = 0;
   const int room = std::min(swr_get_out_samples(swr_, 0), kMaxFrames);
-  if (room > 0) {
-    resampled_.resize(size_t(room) * size_t(key_.channels));
-    auto* out = reinterpret_cast<std::uint8_t*>(resampled_.data());
-    const int got = swr_convert(swr_, &out, room, nullptr, 0);
-    if (got > 0) {
-      PCMView tail;
-      tail.channels = key_.channels;
-      tail.frames = got;
-      tail.planes[0] = resampled_.data();
-      held = pick(tail, 0);
-    }
-  }
+  const int held = room > 0 ? resample(nullptr, 0, room, 0) : 0;
   swr_free(&swr_);
   key_ = {};
   return held;
+}
+
+int PCMConverter::resample(const std::uint8_t** in, int inFrames, int room, int at) {
+  resampled_.resize(size_t(room) * size_t(key_.channels));
+  auto* out = reinterpret_cast<std::uint8_t*>(resampled_.data());
+  const int got = swr_convert(swr_, &out, room, in, inFrames);
+  if (got <= 0) return at;
+  PCMView resampled;
+  resampled.channels = key_.channels;
+  resampled.frames = got;
+  resampled.planes[0] = resampled_.data();
+  return pick(resampled, at);
 }
 
 // Float frames at the mix's rate: copied, with mono doubled and extra channels left out.
@@ -94,19 +94,9 @@ const float* PCMConverter::convert(const PCMView& pcm, int& frames) {
   if (!swr_ && !rebuild(key)) return held > 0 ? out_.data() : nullptr;
   // Room for all it will give back, so nothing piles up inside the resampler.
   const int room = std::max(swr_get_out_samples(swr_, pcm.frames), 1);
-  resampled_.resize(size_t(room) * size_t(pcm.channels));
-  auto* out = reinterpret_cast<std::uint8_t*>(resampled_.data());
-  const int converted = swr_convert(
-      swr_, &out, room,
-      reinterpret_cast<const std::uint8_t**>(const_cast<const void**>(pcm.planes.data())),
-      pcm.frames);
-  if (converted > 0) {
-    PCMView resampled;
-    resampled.channels = pcm.channels;
-    resampled.frames = converted;
-    resampled.planes[0] = resampled_.data();
-    frames = pick(resampled, held);
-  }
+  frames =
+      resample(reinterpret_cast<const std::uint8_t**>(const_cast<const void**>(pcm.planes.data())),
+               pcm.frames, room, held);
   return frames > 0 ? out_.data() : nullptr;
 }
 

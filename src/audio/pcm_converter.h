@@ -38,6 +38,9 @@ class PCMConverter {
   bool rebuild(const FormatKey& key);
   // Empties the resampler into the front of the output and lets it go; the frames given.
   int flush();
+  // Runs `inFrames` (none: what it holds) through the resampler, at most `room` out, into the
+  // output from frame `at` on; the output's end.
+  int resample(const std::uint8_t** in, int inFrames, int room, int at);
   // Writes the frames to the output from frame `at` on; the output's end.
   int pick(const PCMView& pcm, int at);
 
